@@ -21,20 +21,25 @@ void deallocate(void* block) {
 
 namespace memory::aligned {
 
-void* allocateOrAbort(unsigned long size) {
-    void* raw = vlk::allocate(size);
+namespace {
+
+template <typename Allocate>
+void* orAbort(unsigned long size, unsigned long slack, Allocate allocate) {
+    void* raw = size <= ~0ul - slack ? allocate(size + slack) : nullptr;
     if (raw == nullptr) {
         system::abort("allocate failed: out of memory");
     }
     return raw;
 }
 
-void* callocateOrAbort(unsigned long size) {
-    void* raw = vlk::callocate(size);
-    if (raw == nullptr) {
-        system::abort("allocate failed: out of memory");
-    }
-    return raw;
+}  // namespace
+
+void* allocateOrAbort(unsigned long size, unsigned long slack) {
+    return orAbort(size, slack, vlk::allocate);
+}
+
+void* callocateOrAbort(unsigned long size, unsigned long slack) {
+    return orAbort(size, slack, vlk::callocate);
 }
 
 }  // namespace memory::aligned

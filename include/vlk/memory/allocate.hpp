@@ -41,19 +41,21 @@ inline void* rawPointer(void* aligned) {
     return static_cast<void**>(aligned)[-1];
 }
 
-void* allocateOrAbort(unsigned long size);
-void* callocateOrAbort(unsigned long size);
+// Both take the size without the alignment slack and add it, ending the
+// process when the sum does not fit.
+void* allocateOrAbort(unsigned long size, unsigned long slack);
+void* callocateOrAbort(unsigned long size, unsigned long slack);
 
 template <std::size_t Alignment>
 inline void* allocate(unsigned long size) {
-    return align<Alignment>(allocateOrAbort(size + Alignment));
+    return align<Alignment>(allocateOrAbort(size, Alignment));
 }
 
 // As `allocate`, with the whole block zeroed. Large blocks come from fresh
 // mappings that the kernel zeroes, so this costs no more than the pages used.
 template <std::size_t Alignment>
 inline void* callocate(unsigned long size) {
-    return align<Alignment>(callocateOrAbort(size + Alignment));
+    return align<Alignment>(callocateOrAbort(size, Alignment));
 }
 
 inline void deallocate(void* aligned) {
