@@ -1,0 +1,58 @@
+#!/bin/sh
+# Checks the dynamic symbol table of a program linked with the toolkit's
+# link-time wrappers: none of the wrapped names may be imported, and every
+# wrapper that the program calls must be exported as defined. Prints, for
+# information, the newest GLIBC symbol version the program still needs.
+#
+# Usage: check_imports.sh <program> <wrapped name>...
+# OBJDUMP may name the objdump to use.
+set -eu
+
+objdump=${OBJDUMP:-objdump}
+program=$1
+shift
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+"$objdump" -T "$program" >"$work/dynamic"
+"$objdump" -d --no-show-raw-insn "$program" >"$work/code"
+
+# Succeeds if the dynamic table has `name` undefined (want=undefined) or
+# defined (want=defined).
+has_symbol() {
+    awk -v name="$1" -v want="$2" '
+        $NF == name && (($0 ~ /\*UND\*/) == (want == "undefined")) { found = 1 }
+        END { exit !found }' "$work/dynamic"
+}
+
+status=0
+called=0
+for name in "$@"; do
+    if has_symbol "$name" undefined; then
+        echo "FAIL: $name is imported"
+        status=1
+    fi
+    if grep -Eq "(call|jmp)[[:space:]]+[0-9a-f]+ <__wrap_$name>" "$work/code"; then
+        called=$((called + 1))
+        if has_symbol "__wrap_$name" defined; then
+            echo "ok: __wrap_$name has callers and is exported"
+        else
+            echo "FAIL: __wrap_$name has callers but is not exported as defined"
+            status=1
+        fi
+    fi
+done
+
+# Every program copies memory, so finding no call to any wrapper means the
+# disassembly lacks symbols and the check above proved nothing.
+if [ "$called" -eq 0 ]; then
+    echo "FAIL: no call to any wrapper found in $program (stripped?)"
+    status=1
+fi
+
+versions=$(grep -F '*UND*' "$work/dynamic" | grep -oE 'GLIBC_[0-9]+(\.[0-9]+)+' | sort -uV)
+newest=$(printf '%s\n' "$versions" | tail -n 1)
+echo "GLIBC versions needed: $(printf '%s ' $versions)"
+needers=$(awk -v v="($newest)" '/\*UND\*/ && index($0, v) { printf "%s ", $NF }' "$work/dynamic")
+echo "newest: $newest, needed by: $needers"
+exit $status

@@ -1,0 +1,6 @@
+# The finished program must import none of the wrapped libc names and must
+# export the wrappers it calls (see src/CMakeLists.txt for the list).
+add_test(NAME velkmsg_imports
+         COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/check_imports.sh $<TARGET_FILE:velkmsg>
+                 ${VLK_WRAPPED_SYMBOLS})
+set_tests_properties(velkmsg_imports PROPERTIES ENVIRONMENT "OBJDUMP=${CMAKE_OBJDUMP}")
