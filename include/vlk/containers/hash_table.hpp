@@ -20,6 +20,7 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -139,6 +140,29 @@ class hash_table {
         std::uint64_t bytes;
         bucket* buckets;
         segment* segments;
+        // One bit per bucket, set when the bucket takes its first entry. Walks
+        // over the table (iteration, growth, teardown) follow it instead of
+        // reading every bucket, so pages of empty buckets are never touched.
+        std::uint64_t* used;
+
+        // The first used bucket at or after `from`, or `bucket_count`.
+        std::uint64_t nextUsed(std::uint64_t from) const {
+            const std::uint64_t words = (bucket_count + 63) / 64;
+            std::uint64_t word = from / 64;
+            if (word >= words) {
+                return bucket_count;
+            }
+            std::uint64_t bits = used[word] & (~std::uint64_t{0} << (from % 64));
+            while (bits == 0) {
+                if (++word == words) {
+                    return bucket_count;
+                }
+                bits = used[word];
+            }
+            return word * 64 + static_cast<std::uint64_t>(std::countr_zero(bits));
+        }
+
+        void markUsed(std::uint64_t index) { used[index / 64] |= std::uint64_t{1} << (index % 64); }
     };
     static_assert(sizeof(table_data) <= 64);
 
@@ -192,15 +216,14 @@ class hash_table {
         // which is the all-zero position.
         void _seek(std::uint64_t from) {
             const table_data* table = _container->_table;
-            for (std::uint64_t i = from; i < table->bucket_count; ++i) {
-                if (table->buckets[i].count() != 0) {
-                    _bucketIndex = i;
-                    _slot = 0;
-                    _node = nullptr;
-                    return;
-                }
+            const std::uint64_t next = table->nextUsed(from);
+            if (next == table->bucket_count) {
+                *this = iterator();
+                return;
             }
-            *this = iterator();
+            _bucketIndex = next;
+            _slot = 0;
+            _node = nullptr;
         }
 
         const hash_table* _container = nullptr;
@@ -263,6 +286,9 @@ class hash_table {
             if (count < slots) {
                 entry* e =
                     Layout::construct(b.storage[count], hash, key, std::forward<Args>(args)...);
+                if (count == 0) {
+                    _table->markUsed(hash & _table->mask);
+                }
                 b.state += 1 | (1u << (Layout::flag_shift + count)) | Layout::version_one;
                 ++_size;
                 return {e, true};
@@ -287,10 +313,10 @@ class hash_table {
         s.segment_count = _table->segment_count;
         s.total_nodes = _table->segment_count * nodes_per_segment;
         std::uint64_t inlined = 0;
-        for (std::uint64_t i = 0; i < _table->bucket_count; ++i) {
-            const unsigned count = _table->buckets[i].count();
-            s.used_buckets += count != 0;
-            inlined += count;
+        for (std::uint64_t i = _table->nextUsed(0); i < _table->bucket_count;
+             i = _table->nextUsed(i + 1)) {
+            ++s.used_buckets;
+            inlined += _table->buckets[i].count();
         }
         s.used_nodes = _size - inlined;
         return s;
@@ -302,11 +328,9 @@ class hash_table {
         if (table == nullptr) {
             return;
         }
-        for (std::uint64_t i = 0; i < table->bucket_count; ++i) {
+        for (std::uint64_t i = table->nextUsed(0); i < table->bucket_count;
+             i = table->nextUsed(i + 1)) {
             bucket& b = table->buckets[i];
-            if (b.state == 0) {
-                continue;
-            }
             for (unsigned s = 0; s < b.count(); ++s) {
                 if ((b.state & (1u << (Layout::flag_shift + s))) != 0) {
                     b.slot(s)->~entry();
@@ -383,9 +407,11 @@ class hash_table {
 
     static table_data* _createTable(std::uint64_t bucketCount) {
         const std::uint64_t segmentCount = segmentCountFor(bucketCount);
-        const std::uint64_t bytes = (64 + bucketCount * sizeof(bucket) +
-                                     (segmentCount + 1) * sizeof(segment) + system::pageMask()) &
-                                    ~system::pageMask();
+        const std::uint64_t usedWords = (bucketCount + 63) / 64;
+        const std::uint64_t bytes =
+            (64 + bucketCount * sizeof(bucket) + (segmentCount + 1) * sizeof(segment) +
+             usedWords * sizeof(std::uint64_t) + system::pageMask()) &
+            ~system::pageMask();
         // Zeroed storage: every bucket starts empty. Untouched buckets of a
         // large table stay untouched pages.
         auto* table = static_cast<table_data*>(memory::aligned::callocate<128>(bytes));
@@ -400,6 +426,7 @@ class hash_table {
         const std::uintptr_t poolStart =
             (bucketsEnd + sizeof(segment) - 1) / sizeof(segment) * sizeof(segment);
         table->segments = reinterpret_cast<segment*>(poolStart);
+        table->used = reinterpret_cast<std::uint64_t*>(table->segments + segmentCount);
         for (std::uint64_t i = 0; i < segmentCount; ++i) {
             segment& seg = table->segments[i];
             // Node 0 ends the free list and the last node heads it.
@@ -426,6 +453,9 @@ class hash_table {
         if (count < slots) {
             new (b.storage[count]) entry(std::move(e));
             b.state += 1 | (1u << (Layout::flag_shift + count));
+            if (count == 0) {
+                table->markUsed(hash & table->mask);
+            }
             return;
         }
         // The new pool is never smaller than the old one, which held every
@@ -439,7 +469,7 @@ class hash_table {
         table_data* old = _table;
         table_data* table = _createTable(
             std::max<std::uint64_t>(old->bucket_count * Constants::growth_factor, min_buckets));
-        for (std::uint64_t i = 0; i < old->bucket_count; ++i) {
+        for (std::uint64_t i = old->nextUsed(0); i < old->bucket_count; i = old->nextUsed(i + 1)) {
             bucket& b = old->buckets[i];
             for (unsigned s = 0; s < b.count(); ++s) {
                 if ((b.state & (1u << (Layout::flag_shift + s))) != 0) {
