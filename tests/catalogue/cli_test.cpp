@@ -149,18 +149,18 @@ std::string readFile(const std::string& path) {
 }
 
 // "-" is nothing; otherwise golden files joined by '+', concatenated.
-std::string readStream(const std::string& spec) {
+std::string readStream(const std::string& files) {
     std::string text;
-    if (spec == "-") {
+    if (files == "-") {
         return text;
     }
     std::size_t from = 0;
-    while (from <= spec.size()) {
-        std::size_t plus = spec.find('+', from);
+    while (from <= files.size()) {
+        std::size_t plus = files.find('+', from);
         if (plus == std::string::npos) {
-            plus = spec.size();
+            plus = files.size();
         }
-        text += readFile(g_goldenDir + "/" + spec.substr(from, plus - from));
+        text += readFile(g_goldenDir + "/" + files.substr(from, plus - from));
         from = plus + 1;
     }
     return text;
