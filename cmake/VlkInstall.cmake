@@ -1,0 +1,35 @@
+# Installation: the program, the library with its headers, a CMake package
+# (find_package(vlk) gives vlk::vlk) and a pkg-config file (vlk.pc). Both
+# packages are relocatable: they find the prefix from where they stand.
+include(CMakePackageConfigHelpers)
+
+set(VLK_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/vlk)
+
+install(TARGETS velkmsg RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS vlk EXPORT vlkTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+
+# The public headers, and what the build stages beside them (the catalogue
+# table), under one include root, as in the build tree.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ ${PROJECT_BINARY_DIR}/include/
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+install(EXPORT vlkTargets NAMESPACE vlk:: DESTINATION ${VLK_INSTALL_CMAKEDIR})
+configure_package_config_file(cmake/vlkConfig.cmake.in
+                              ${PROJECT_BINARY_DIR}/vlkConfig.cmake
+                              INSTALL_DESTINATION ${VLK_INSTALL_CMAKEDIR})
+# 0.x: a minor release may change the interface.
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/vlkConfigVersion.cmake
+                                 COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/vlkConfig.cmake ${PROJECT_BINARY_DIR}/vlkConfigVersion.cmake
+        DESTINATION ${VLK_INSTALL_CMAKEDIR})
+
+# pkg-config: the library's link options (the libc wrappers) go into Libs in
+# the compiler driver's spelling, so that a pkg-config consumer links as a
+# CMake consumer does.
+get_target_property(_vlk_pc_link_options vlk INTERFACE_LINK_OPTIONS)
+list(TRANSFORM _vlk_pc_link_options REPLACE "^LINKER:" "-Wl,")
+list(JOIN _vlk_pc_link_options " " VLK_PC_LINK_OPTIONS)
+file(RELATIVE_PATH VLK_PC_PREFIX_FROM_PCFILEDIR /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix/)
+string(REGEX REPLACE "/$" "" VLK_PC_PREFIX_FROM_PCFILEDIR "${VLK_PC_PREFIX_FROM_PCFILEDIR}")
+configure_file(cmake/vlk.pc.in ${PROJECT_BINARY_DIR}/vlk.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/vlk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
