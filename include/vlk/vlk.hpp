@@ -1,0 +1,25 @@
+// The whole public interface of the vlk toolkit in one include.
+//
+// Lists every public header under <vlk/...> (tests/install/check_umbrella.sh
+// fails when one is missing), so that a program may start with this one line
+// and narrow its includes later. It adds nothing of its own; its cost is
+// compile time, the declarations of all 1006 catalogue rows included.
+#pragma once
+
+#include <vlk/catalogue/error_factory.hpp>
+#include <vlk/catalogue/error_id.hpp>
+#include <vlk/catalogue/error_manager.hpp>
+#include <vlk/catalogue/errors.hpp>
+#include <vlk/catalogue/report.hpp>
+#include <vlk/containers/cstring.hpp>
+#include <vlk/containers/hash_map.hpp>
+#include <vlk/containers/hash_set.hpp>
+#include <vlk/containers/hash_table.hpp>
+#include <vlk/memory/allocate.hpp>
+#include <vlk/regex/regex.hpp>
+#include <vlk/system/abort.hpp>
+#include <vlk/system/fast_itoa.hpp>
+#include <vlk/system/host.hpp>
+#include <vlk/system/init_once.hpp>
+#include <vlk/system/link_wrappers.hpp>
+#include <vlk/system/string_utils.hpp>
