@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Installs the packages that are missing, builds build/ with warnings as
+# errors and the benchmarks (compiled, not run), and runs every test; then
+# builds build-asan/ under AddressSanitizer and UndefinedBehaviorSanitizer and
+# runs every test again. Stops at the first failure with a non-zero status.
+# Prints how long each stage took; the last one is timed by ctest itself.
+# Usage: scripts/test.sh
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+# A sanitizer report ends the process that made it, with a stack trace.
+export ASAN_OPTIONS=halt_on_error=1:detect_leaks=1
+export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
+
+stage_name=""
+stage_start=$SECONDS
+stage() {
+    if [[ -n "$stage_name" ]]; then
+        echo "=== $stage_name: $((SECONDS - stage_start)) s"
+    fi
+    stage_name=$1
+    stage_start=$SECONDS
+    echo "=== $stage_name"
+}
+
+stage "install dependencies"
+scripts/install-deps.sh --bench
+
+stage "build build/"
+cmake -S . -B build -DVLK_BUILD_TESTS=ON -DVLK_BUILD_BENCH=ON -DVLK_WERROR=ON -DVLK_SANITIZE=
+cmake --build build -j2
+
+stage "test build/"
+ctest --test-dir build -j2 --output-on-failure
+
+stage "build build-asan/ (address, undefined)"
+cmake -S . -B build-asan -DVLK_BUILD_TESTS=ON -DVLK_BUILD_BENCH=OFF -DVLK_WERROR=ON \
+    -DVLK_SANITIZE=address
+cmake --build build-asan -j2
+
+stage "test build-asan/"
+ctest --test-dir build-asan -j2 --output-on-failure
