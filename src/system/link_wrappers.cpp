@@ -156,13 +156,8 @@ int __wrap_fcntl64(int fd, int command, ...) {
     return g_fcntl64.load(std::memory_order_relaxed)(fd, command, argument);
 }
 
-int __wrap_fcntl(int fd, int command, ...) {
-    va_list ap;
-    va_start(ap, command);
-    void* argument = va_arg(ap, void*);
-    va_end(ap);
-    return g_fcntl64.load(std::memory_order_relaxed)(fd, command, argument);
-}
+// The same entry under the plain name: on x86-64 the two are one function.
+[[gnu::alias("__wrap_fcntl64")]] int __wrap_fcntl(int fd, int command, ...);
 
 // A direct system call, so that the program needs no libc entry of this name,
 // which older libcs lack. Returns -1 with errno on failure, as libc's does.

@@ -71,24 +71,6 @@ TEST(Catalogue, DefaultActionsAndRowObjects) {
     EXPECT_EQ(vlk::errors::E000000.level, 0x01);  // a bare row
 }
 
-TEST(Catalogue, SearchOrderFollowsTheTable) {
-    const std::vector<std::string> all = idsInOrder(everything());
-    const std::vector<std::string> head(all.begin(), all.begin() + 12);
-    EXPECT_EQ(head, (std::vector<std::string>{"00-0000", "12-0000", "30-0000", "70-0000", "00-0001",
-                                              "01-0001", "02-0001", "FF-0001", "70-0001", "31-0001",
-                                              "2F-0001", "2D-0001"}));
-    const std::vector<std::string> tail(all.end() - 3, all.end());
-    EXPECT_EQ(tail, (std::vector<std::string>{"12-2001", "17-2001", "12-2005"}));
-
-    error_map ones;
-    error_manager::findErrors("0001", ones);
-    EXPECT_EQ(ones.size(), 48u);
-    const std::vector<std::string> first = idsInOrder(ones);
-    EXPECT_EQ(std::vector<std::string>(first.begin(), first.begin() + 6),
-              (std::vector<std::string>{"00-0001", "01-0001", "02-0001", "1D-0001", "1C-0001",
-                                        "1B-0001"}));
-}
-
 TEST(Catalogue, SearchTrimsItsOwnCopyAndMatchesAnywhere) {
     for (const std::string pattern : {"01-0001", " 01-0001\t", "\n01-0001  "}) {
         error_map found;
