@@ -18,6 +18,7 @@
 #include <vlk/memory/allocate.hpp>
 #include <vlk/regex/regex.hpp>
 #include <vlk/system/abort.hpp>
+#include <vlk/system/clock.hpp>
 #include <vlk/system/fast_itoa.hpp>
 #include <vlk/system/host.hpp>
 #include <vlk/system/init_once.hpp>
