@@ -19,8 +19,11 @@
 #include <vlk/regex/regex.hpp>
 #include <vlk/system/abort.hpp>
 #include <vlk/system/clock.hpp>
+#include <vlk/system/cpu.hpp>
 #include <vlk/system/fast_itoa.hpp>
 #include <vlk/system/host.hpp>
+#include <vlk/system/host_text.hpp>
 #include <vlk/system/init_once.hpp>
 #include <vlk/system/link_wrappers.hpp>
+#include <vlk/system/memory_info.hpp>
 #include <vlk/system/string_utils.hpp>
