@@ -15,6 +15,7 @@
 #include <vlk/containers/hash_map.hpp>
 #include <vlk/containers/hash_set.hpp>
 #include <vlk/containers/hash_table.hpp>
+#include <vlk/containers/mutex_lock.hpp>
 #include <vlk/memory/allocate.hpp>
 #include <vlk/regex/regex.hpp>
 #include <vlk/system/abort.hpp>
