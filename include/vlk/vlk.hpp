@@ -17,6 +17,7 @@
 #include <vlk/containers/hash_table.hpp>
 #include <vlk/containers/mutex_lock.hpp>
 #include <vlk/memory/allocate.hpp>
+#include <vlk/memory/mmap.hpp>
 #include <vlk/regex/regex.hpp>
 #include <vlk/system/abort.hpp>
 #include <vlk/system/clock.hpp>
