@@ -21,6 +21,7 @@
 #include <vlk/regex/regex.hpp>
 #include <vlk/system/abort.hpp>
 #include <vlk/system/clock.hpp>
+#include <vlk/system/directory.hpp>
 #include <vlk/system/fast_itoa.hpp>
 #include <vlk/system/host.hpp>
 #include <vlk/system/init_once.hpp>
