@@ -15,12 +15,15 @@
 #include <vlk/containers/hash_map.hpp>
 #include <vlk/containers/hash_set.hpp>
 #include <vlk/containers/hash_table.hpp>
+#include <vlk/containers/mutex_lock.hpp>
 #include <vlk/containers/spin_lock.hpp>
 #include <vlk/memory/allocate.hpp>
+#include <vlk/memory/mmap.hpp>
 #include <vlk/regex/regex.hpp>
 #include <vlk/system/abort.hpp>
 #include <vlk/system/clock.hpp>
 #include <vlk/system/cpu.hpp>
+#include <vlk/system/directory.hpp>
 #include <vlk/system/fast_itoa.hpp>
 #include <vlk/system/host.hpp>
 #include <vlk/system/host_text.hpp>

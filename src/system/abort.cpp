@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace vlk::system {
@@ -19,14 +20,22 @@ void writeAll(int fd, std::string_view text) {
 
 }  // namespace
 
-// Until records can go through the logger, the fatal text goes straight to
-// the standard error stream with write(2): no lock, no stdio state and no
-// memory, since the heap may be what failed.
-void abort(std::string_view text) {
-    writeAll(STDERR_FILENO, "VELK encountered a fatal condition and is exiting: ");
-    writeAll(STDERR_FILENO, text);
-    writeAll(STDERR_FILENO, ".\n");
+// The message goes straight to the standard error stream with write(2): no
+// lock, no stdio state and no memory, since the heap may be what failed.
+void abortWithMessage(std::string_view message) {
+    writeAll(STDERR_FILENO, message);
+    writeAll(STDERR_FILENO, "\n");
     std::_Exit(255);
+}
+
+// The message is built on the stack; a text too long for it is cut short.
+void abort(std::string_view text) {
+    constexpr std::string_view prefix = "VELK encountered a fatal condition and is exiting: ";
+    char message[4096];
+    char* end = std::copy(prefix.begin(), prefix.end(), message);
+    end = std::copy_n(text.data(), std::min(text.size(), sizeof message - prefix.size() - 1), end);
+    *end++ = '.';
+    abortWithMessage({message, static_cast<std::size_t>(end - message)});
 }
 
 }  // namespace vlk::system

@@ -40,7 +40,8 @@ class init_once {
         }
         std::int64_t expected = empty;
         if (_state.compare_exchange_strong(expected, building, std::memory_order_acquire)) {
-            void* memory = memory::aligned::allocate<128>(sizeof(T));
+            // Qualified: from here `memory::` would name vlk::system::memory.
+            void* memory = vlk::memory::aligned::allocate<128>(sizeof(T));
             _object.store(new (memory) T(), std::memory_order_relaxed);
             _state.store(ready, std::memory_order_release);
         } else {
@@ -64,7 +65,7 @@ class init_once {
         }
         T* object = _object.load(std::memory_order_relaxed);
         object->~T();
-        memory::aligned::deallocate(object);
+        vlk::memory::aligned::deallocate(object);
         _object.store(nullptr, std::memory_order_relaxed);
         // Release: the teardown happens-before a later builder's acquire CAS.
         _state.store(empty, std::memory_order_release);
