@@ -68,7 +68,9 @@ void sleep100Milliseconds() {
 
 // The text of error number `code`: GNU strerror_r into `buffer`, or "Unknown
 // errno value: <code>" when errno is EINVAL afterwards. errno is not cleared
-// first, so a code of EINVAL itself also gives the second form.
+// first, so a code of EINVAL itself also gives the second form. The rule is
+// that of vlk::error::strerror, kept here on the stack because this runs when
+// memory cannot be had.
 std::string_view errnoText(int code, char (&buffer)[512]) {
     const char* text = ::strerror_r(code, buffer, sizeof buffer);
     if (errno != EINVAL) {
