@@ -19,6 +19,8 @@
 #include <vlk/regex/regex.hpp>
 #include <vlk/system/abort.hpp>
 #include <vlk/system/clock.hpp>
+#include <vlk/system/convert.hpp>
+#include <vlk/system/exception.hpp>
 #include <vlk/system/fast_itoa.hpp>
 #include <vlk/system/host.hpp>
 #include <vlk/system/init_once.hpp>
