@@ -2,6 +2,7 @@
 
 #include <vlk/system/fast_itoa.hpp>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cstddef>
@@ -52,6 +53,10 @@ constinit const base::cstring uchar2hex[256] = {VLK_HEX_64(0), VLK_HEX_64(64), V
 namespace {
 
 constexpr const auto& k_regex = _vlk_string_utils::lookup_tables<0>::lookup_regex;
+
+static_assert(std::count_if(k_regex.begin(), k_regex.end(),
+                            [](unsigned char v) { return v != 0; }) == 14);
+static_assert(k_regex['.'] != 0 && k_regex['\\'] != 0 && k_regex['-'] == 0 && k_regex[0xAE] == 0);
 
 // Bytes above 0x7F index the table's upper half, which is zero.
 bool hasRegexCharacter(const char* text, const char* end) {
