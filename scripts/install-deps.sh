@@ -1,14 +1,20 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the project needs to build and test.
 # Does nothing when they are all present; needs root (or sudo) otherwise.
-# Usage: scripts/install-deps.sh [--bench]
+# Usage: scripts/install-deps.sh [--bench] [--fuzz]
+#   --bench  Google Benchmark and fmt, for bench/
+#   --fuzz   clang with libFuzzer, for fuzz/ (scripts/fuzz.sh)
 set -euo pipefail
 
 packages=(build-essential cmake pkg-config libpcre3-dev zlib1g-dev
           libgtest-dev libgmock-dev python3 binutils)
-if [[ "${1:-}" == "--bench" ]]; then
-  packages+=(libbenchmark-dev libfmt-dev)
-fi
+for group in "$@"; do
+  case "$group" in
+    --bench) packages+=(libbenchmark-dev libfmt-dev) ;;
+    --fuzz) packages+=(clang libclang-rt-14-dev) ;;
+    *) echo "usage: scripts/install-deps.sh [--bench] [--fuzz]" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for p in "${packages[@]}"; do

@@ -2,8 +2,9 @@
 # Installs the packages that are missing, builds build/ with warnings as
 # errors and the benchmarks (compiled, not run), and runs every test; then
 # builds build-asan/ under AddressSanitizer and UndefinedBehaviorSanitizer and
-# runs every test again. Stops at the first failure with a non-zero status.
-# Prints how long each stage took; the last one is timed by ctest itself.
+# runs every test again; then builds the fuzz targets with clang in
+# build-fuzz/ and runs each for 20 seconds (scripts/fuzz.sh). Stops at the
+# first failure with a non-zero status. Prints how long each stage took.
 # Usage: scripts/test.sh
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -24,7 +25,7 @@ stage() {
 }
 
 stage "install dependencies"
-scripts/install-deps.sh --bench
+scripts/install-deps.sh --bench --fuzz
 
 stage "build build/"
 cmake -S . -B build -DVLK_BUILD_TESTS=ON -DVLK_BUILD_BENCH=ON -DVLK_WERROR=ON -DVLK_SANITIZE=
@@ -40,3 +41,7 @@ cmake --build build-asan -j2
 
 stage "test build-asan/"
 ctest --test-dir build-asan -j2 --output-on-failure
+
+stage "fuzz (build-fuzz/, 20 s per target)"
+scripts/fuzz.sh 20
+echo "=== $stage_name: $((SECONDS - stage_start)) s"

@@ -22,8 +22,10 @@
 #include <vlk/regex/regex.hpp>
 #include <vlk/system/abort.hpp>
 #include <vlk/system/clock.hpp>
+#include <vlk/system/convert.hpp>
 #include <vlk/system/cpu.hpp>
 #include <vlk/system/directory.hpp>
+#include <vlk/system/exception.hpp>
 #include <vlk/system/fast_itoa.hpp>
 #include <vlk/system/host.hpp>
 #include <vlk/system/host_text.hpp>

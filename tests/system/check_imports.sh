@@ -32,7 +32,8 @@ for name in "$@"; do
         echo "FAIL: $name is imported"
         status=1
     fi
-    if grep -Eq "(call|jmp)[[:space:]]+[0-9a-f]+ <__wrap_$name>" "$work/code"; then
+    # GNU objdump writes "call 1234 <f>", llvm-objdump "callq 0x1234 <f>".
+    if grep -Eq "(call|jmp)q?[[:space:]]+(0x)?[0-9a-f]+ <__wrap_$name>" "$work/code"; then
         called=$((called + 1))
         if has_symbol "__wrap_$name" defined; then
             echo "ok: __wrap_$name has callers and is exported"

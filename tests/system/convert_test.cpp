@@ -1,0 +1,207 @@
+#include <vlk/system/convert.hpp>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <random>
+#include <string>
+
+namespace {
+
+using namespace vlk::convert;
+using namespace std::string_literals;
+namespace su = vlk::string_utils;
+
+constexpr double k_untouched = -123.25;
+
+struct parse_case {
+    std::string text;
+    value_type type;
+    double value = k_untouched;
+};
+
+// Parses exactly text.size() bytes from a copy of its own, so nothing can be
+// read behind the range, and checks the type, the value (reals within a
+// relative 1e-13, as they are not correctly rounded) and an untouched output
+// on refusal.
+void expectParse(const parse_case& c) {
+    const std::unique_ptr<char[]> copy(new char[c.text.size()]);
+    std::copy(c.text.begin(), c.text.end(), copy.get());
+    double out = k_untouched;
+    EXPECT_EQ(toDouble(copy.get(), c.text.size(), out), c.type) << '"' << c.text << '"';
+    if (c.type == value_real) {
+        EXPECT_NEAR(out, c.value, std::abs(c.value) * 1e-13) << '"' << c.text << '"';
+    } else {
+        EXPECT_EQ(out, c.value) << '"' << c.text << '"';
+    }
+}
+
+TEST(ToDouble, FollowsEveryRule) {
+    const parse_case cases[] = {
+        // clang-format off
+        // Integers, and the limits of the two result types; "1844...616" wraps below its start.
+        {"42", value_integer, 42},
+        {"18446744073709551615", value_unsigned, 18446744073709551615.0},
+        {"9223372036854775808", value_unsigned, 9223372036854775808.0},
+        {"9223372036854775807", value_integer, 9223372036854775807.0},
+        {"-9223372036854775808", value_integer, -9223372036854775808.0},
+        {"-9223372036854775809", value_invalid}, {"18446744073709551616", value_invalid},
+        {"99999999999999999999", value_invalid},
+        // 20 digits, 19 after "-"; a single leading zero is not counted.
+        {"11111111111111111111", value_unsigned, 11111111111111111111.0},
+        {"-1111111111111111111", value_integer, -1111111111111111111.0},
+        {"000000000000000000001", value_integer, 1}, {"0000000000000000000001", value_invalid},
+        {"-00000000000000000001", value_integer, -1}, {"-000000000000000000001", value_invalid},
+        {"-11111111111111111111", value_invalid},
+        // Signs.
+        {"+7", value_integer, 7}, {"-7", value_integer, -7}, {"+", value_invalid},
+        {"-", value_invalid}, {"--7", value_invalid}, {"+-7", value_invalid}, {"1-", value_invalid},
+        {"1.5-", value_invalid}, {"- ", value_integer, 0}, {"- 5", value_invalid},
+        // Leading zero.
+        {"0", value_integer, 0}, {"-0", value_integer, 0}, {"+0", value_integer, 0},
+        {"00", value_integer, 0}, {"007", value_integer, 7}, {"0x1", value_invalid},
+        {"0e1", value_invalid}, {"0 ", value_invalid}, {"0.5", value_real, 0.5},
+        {"-0.5", value_real, -0.5},
+        // Blanks: tab, line feed, vertical tab, carriage return, blank; not form feed.
+        {"  7  ", value_integer, 7}, {"\t\n\v\r 7\t\n\v\r ", value_integer, 7},
+        {" ", value_invalid}, {"\f7", value_invalid}, {"7\f", value_invalid},
+        {"7 8", value_invalid}, {" 1.5 ", value_real, 1.5}, {"1.5 x", value_invalid},
+        // Fractions, and other bytes.
+        {"42.0", value_real, 42}, {"5.", value_real, 5}, {"-5.", value_real, -5},
+        {".5", value_real, 0.5}, {".", value_real, 0}, {"3.14159", value_real, 3.14159},
+        {"1..2", value_invalid}, {"1.2.3", value_invalid}, {"1.x", value_invalid},
+        {"1.5+", value_invalid}, {"1x", value_invalid}, {"", value_invalid},
+        {"abc", value_invalid}, {"1\0"s, value_invalid},
+        // Exponents.
+        {"5e2", value_real, 500}, {"5E+2", value_real, 500}, {"-5e-1", value_real, -0.5},
+        {"1.5e1", value_real, 15}, {"5.e1", value_real, 50}, {"5e", value_real, 5},
+        {"5e+", value_real, 5}, {"5e002", value_real, 500}, {"5e0002", value_invalid},
+        {"5e002 ", value_invalid}, {"5e2x", value_real, 500}, {"5e2 ", value_real, 500},
+        {"5e2xy", value_invalid}, {"0.0e5", value_invalid}, {".e5", value_invalid},
+        {"1e308", value_real, 1e308}, {"1e309", value_invalid}, {"1e-308", value_real, 1e-308},
+        {"1e-400", value_real, 0},
+        // Bytes above 0x7F are the digit zero.
+        {"\x80", value_integer, 0}, {"1\xff", value_integer, 10}};
+    // clang-format on
+    for (const parse_case& c : cases) {
+        expectParse(c);
+    }
+    double out = k_untouched;
+    EXPECT_EQ(toDouble(nullptr, 3, out), value_invalid);
+    EXPECT_EQ(toDouble("123", 2, out), value_integer);  // only the range is read
+    EXPECT_EQ(out, 12);
+}
+
+TEST(ToDouble, AgreesWithStrtoullAndStrtod) {
+    std::mt19937_64 random(7);
+    for (int i = 0; i < 20000; ++i) {
+        const std::uint64_t integer = random() >> (random() % 64);
+        const std::string digits = std::to_string(integer);
+        expectParse({digits, integer >> 63 ? value_unsigned : value_integer,
+                     static_cast<double>(std::strtoull(digits.c_str(), nullptr, 10))});
+        const std::string real = "-" + std::to_string(integer % 100000000) + "." +
+                                 std::to_string(1 + random() % 999999999) + "e-" +
+                                 std::to_string(random() % 20);
+        expectParse({real, value_real, std::strtod(real.c_str(), nullptr)});
+    }
+}
+
+template <class Out>
+struct unit_case {
+    std::string text;
+    bool ok;
+    Out value = 0;
+};
+
+// The output is written only on success.
+template <class Out>
+void expectUnitParses(bool (*parse)(const std::string&, Out&), const unit_case<Out>& c) {
+    const Out untouched = 77;
+    Out out = untouched;
+    EXPECT_EQ(parse(c.text, out), c.ok) << '"' << c.text << '"';
+    EXPECT_EQ(out, c.ok ? c.value : untouched) << '"' << c.text << '"';
+}
+
+TEST(UnitParsers, Bytes) {
+    const auto parse = su::getNumericByteConstant;
+    const unit_case<unsigned long> cases[] = {
+        {"10", true, 10},
+        {"1.5k", true, 1536},
+        {"1 G", true, 1073741824},
+        {"10KB", true, 10240},
+        {"10k", true, 10240},
+        {" 10kilo ", false},  // the number must come first
+        {"10kilo ", true, 10240},
+        {"3M", true, 3145728},
+        {"2t", true, 2199023255552},
+        {"5k\0junk"s, true, 5120},
+        {"8388608T", true, 9223372036854775808ul},
+        {"16777215.5T", true, 18446743523953737728ul},
+        {"16777216T", true, 9223372036854775808ul},  // 2^64 is not detected
+        {"10B", false},
+        {"1P", false},
+        {"", false},
+        {"k", false},
+        {"+5", false},
+        {"1e3", false},
+        {"1.2.3k", false}};
+    for (const auto& c : cases) {
+        expectUnitParses(parse, c);
+    }
+}
+
+TEST(UnitParsers, Time) {
+    const auto parse = su::getNumericTimeConstant;
+    const unit_case<unsigned long> cases[] = {{"1.5s", true, 1500000000},
+                                              {"10", false},
+                                              {"10 ", false},
+                                              {"1 w", true, 604800000000000},
+                                              {"2D", true, 172800000000000},
+                                              {"3hours", true, 10800000000000},
+                                              {"3hello", true, 10800000000000},
+                                              {"5m", true, 300000000000},
+                                              {"5M ", true, 300000000000},
+                                              {"5ms", true, 5000000},
+                                              {"5min", true, 5000000},
+                                              {"7n", true, 7},
+                                              {"7U", true, 7000},
+                                              {"7x", false},
+                                              {"s", false},
+                                              {"-1s", false}};
+    for (const auto& c : cases) {
+        expectUnitParses(parse, c);
+    }
+}
+
+TEST(UnitParsers, PercentAndMultiplier) {
+    const unit_case<double> percents[] = {{"100", true, 1.0},
+                                          {"50", true, 0.5},
+                                          {"50%", true, 0.5},
+                                          {"0.5", true, 0.5},
+                                          {"0.5%", true, 0.005},
+                                          {"1", true, 0.01},
+                                          {"50 percent", true, 0.5},
+                                          {"50 PERCENT", true, 0.5},
+                                          {"50 per", false},
+                                          {"50%x", true, 0.5},
+                                          {"-5", true, -5},
+                                          {"-50%", true, -0.5},
+                                          {"50 x", false},
+                                          {"", false},
+                                          {"5-5", false}};
+    for (const auto& c : percents) {
+        expectUnitParses(su::getNumericPercentConstant, c);
+    }
+    const unit_case<double> multipliers[] = {
+        {"3x", true, 3},    {"x3", false},     {"3", false},    {"2.5Xfoo", true, 2.5},
+        {"1e1x", true, 10}, {" 2 x", true, 2}, {"abcx", false}, {"", false}};
+    for (const auto& c : multipliers) {
+        expectUnitParses(su::getNumericMultiplierConstant, c);
+    }
+}
+
+}  // namespace

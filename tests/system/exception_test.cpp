@@ -1,0 +1,91 @@
+#include <vlk/system/exception.hpp>
+#include <vlk/system/string_utils.hpp>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <typeinfo>
+
+namespace {
+
+using namespace vlk::string_convert_detail;
+
+TEST(Exception, KeepsItsMessage) {
+    EXPECT_EQ(vlk::exception().why(), "");
+    const vlk::exception e("bad input");
+    EXPECT_EQ(e.why(), "bad input");
+    EXPECT_STREQ(e.what(), e.why().c_str());
+    EXPECT_EQ(vlk::exception(e).why(), "bad input");
+    EXPECT_STREQ(static_cast<const std::exception&>(overflow_exception("big")).what(), "big");
+}
+
+// Raises `original` through a base reference and checks what comes out.
+template <class Exception>
+void expectCloneAndRaiseKeepTheType(const Exception& original) {
+    SCOPED_TRACE(typeid(Exception).name());
+    const vlk::exception& base = original;
+    const std::unique_ptr<vlk::exception> copy(base.clone());
+    const vlk::exception& copied = *copy;
+    EXPECT_EQ(typeid(copied), typeid(Exception));
+    EXPECT_EQ(copy->why(), original.why());
+    try {
+        copy->raise();
+    } catch (const Exception& caught) {
+        EXPECT_EQ(typeid(caught), typeid(Exception));
+        EXPECT_EQ(caught.why(), original.why());
+        return;
+    }
+    ADD_FAILURE() << "raise did not throw the dynamic type";
+}
+
+TEST(Exception, CloneAndRaiseKeepTheDynamicType) {
+    expectCloneAndRaiseKeepTheType(vlk::exception("base"));
+    expectCloneAndRaiseKeepTheType(string_convert_exception("convert"));
+    expectCloneAndRaiseKeepTheType(parse_exception("parse"));
+    expectCloneAndRaiseKeepTheType(overflow_exception("overflow"));
+    // A parse_exception held as a base is caught as one, and not as a sibling.
+    const std::unique_ptr<vlk::exception> kept(parse_exception("kept").clone());
+    EXPECT_THROW(kept->raise(), parse_exception);
+    EXPECT_THROW(kept->raise(), string_convert_exception);
+    EXPECT_FALSE(dynamic_cast<overflow_exception*>(kept.get()));
+}
+
+TEST(ErrorText, StringFormUsesTheUnknownFormOnlyForAStaleEinval) {
+    errno = 0;
+    EXPECT_EQ(vlk::error::strerror(ENOENT), std::strerror(ENOENT));
+    EXPECT_EQ(vlk::error::strerror(99999), "Unknown error 99999");  // glibc's own text
+    errno = EINVAL;
+    EXPECT_EQ(vlk::error::strerror(ENOENT), "Unknown errno value: 2");
+    EXPECT_EQ(vlk::error::strerror(-5), "Unknown errno value: -5");
+    errno = 0;
+}
+
+TEST(ErrorText, BufferFormWritesTheTextAndItsLength) {
+    char buffer[64];
+    EXPECT_EQ(vlk::string_utils::strerror(nullptr, sizeof buffer, ENOENT), 0u);
+    errno = 0;
+    EXPECT_EQ(vlk::string_utils::strerror(buffer, sizeof buffer, ENOENT),
+              std::strlen(std::strerror(ENOENT)));
+    EXPECT_STREQ(buffer, std::strerror(ENOENT));
+    EXPECT_EQ(vlk::string_utils::strerror(buffer, sizeof buffer, 99999), 19u);
+    EXPECT_STREQ(buffer, "Unknown error 99999");
+    errno = EINVAL;
+    EXPECT_EQ(vlk::string_utils::strerror(buffer, sizeof buffer, ENOENT), 13u);
+    EXPECT_STREQ(buffer, "unknown error");
+    // At 12 bytes the stale EINVAL is not looked at; the known text is cut.
+    std::memset(buffer, 'z', sizeof buffer);
+    buffer[12] = '\0';
+    EXPECT_EQ(vlk::string_utils::strerror(buffer, 12, ENOENT), 12u);
+    EXPECT_EQ(std::string(buffer, 12), std::string(std::strerror(ENOENT), 12));
+    // At 13 bytes the text fits without its NUL, and the byte behind stays.
+    std::memset(buffer, 'z', sizeof buffer);
+    errno = EINVAL;
+    EXPECT_EQ(vlk::string_utils::strerror(buffer, 13, ENOENT), 13u);
+    EXPECT_EQ(std::string(buffer, 14), "unknown errorz");
+    errno = 0;
+}
+
+}  // namespace
