@@ -2,7 +2,8 @@
 # Installs the packages that are missing, builds build/ with warnings as
 # errors and the benchmarks (compiled, not run), and runs every test; then
 # builds build-asan/ under AddressSanitizer and UndefinedBehaviorSanitizer and
-# runs every test again; then builds the fuzz targets with clang in
+# runs every test again; builds build-tsan/ under ThreadSanitizer and runs the
+# concurrency tests there; then builds the fuzz targets with clang in
 # build-fuzz/ and runs each for 20 seconds (scripts/fuzz.sh). Stops at the
 # first failure with a non-zero status. Prints how long each stage took.
 # Usage: scripts/test.sh
@@ -41,6 +42,20 @@ cmake --build build-asan -j2
 
 stage "test build-asan/"
 ctest --test-dir build-asan -j2 --output-on-failure
+
+# The tests of code shared between threads run once more under
+# ThreadSanitizer; the rest of the suite starts no threads of its own.
+tsan_targets=(spin_lock_test mmap_test)
+tsan_tests='^(SpinLock|AllocatorStats)\.'
+
+stage "build build-tsan/ (thread): ${tsan_targets[*]}"
+cmake -S . -B build-tsan -DVLK_BUILD_TESTS=ON -DVLK_BUILD_BENCH=OFF -DVLK_WERROR=ON \
+    -DVLK_SANITIZE=thread
+cmake --build build-tsan -j2 --target "${tsan_targets[@]}"
+
+stage "test build-tsan/"
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+    ctest --test-dir build-tsan -j2 --output-on-failure -R "$tsan_tests" --no-tests=error
 
 stage "fuzz (build-fuzz/, 20 s per target)"
 scripts/fuzz.sh 20

@@ -54,12 +54,14 @@ inline constinit std::uint64_t _maxAIOs = 65536;
 inline constinit std::uint64_t _overcommitMemory = 0;
 inline constinit std::pair<std::uint64_t, std::uint64_t> _localPortRange{32768, 61000};
 inline constinit pid_t _pid = 0;
-inline constinit std::string _uname;
-inline constinit std::string _programName;
-inline constinit std::string _userId;
-inline constinit std::string _hostname;
-inline constinit std::string _os;
-inline constinit std::string _limits;
+// Empty strings need no code to build; not constinit only because not every
+// supported compiler has a constexpr std::string.
+inline std::string _uname;
+inline std::string _programName;
+inline std::string _userId;
+inline std::string _hostname;
+inline std::string _os;
+inline std::string _limits;
 inline constinit system::system_version _kernelVersion{2, 6, 0, 0};
 inline constinit system::system_version _glibcVersion{2, 6, 0, 0};
 inline constinit bool _privateFutexSupported = false;
