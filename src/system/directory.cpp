@@ -54,6 +54,9 @@ std::string findMountPoint(const std::string& path) {
     const dev_t device = info.st_dev;
     while (result != "/") {
         std::string parent = dirname(result);
+        if (parent == result) {
+            return result;  // "." is its own parent: no way up to "/"
+        }
         if (::stat(parent.c_str(), &info) == 0) {
             if (info.st_dev != device) {
                 return result;

@@ -96,6 +96,7 @@ TEST_F(Directory, LinksMountPointsAndFreeSpace) {
 
     EXPECT_EQ(dir::findMountPoint("/"), "/");
     EXPECT_EQ(dir::findMountPoint("no/such"), _root + "/no/such");
+    EXPECT_EQ(dir::findMountPoint("."), ".");  // stays relative, yet returns
     // The mount point is the highest parent of the directory on its device.
     const std::string mount = dir::findMountPoint(_root);
     struct stat here {

@@ -26,9 +26,9 @@ std::string absolute(const std::string& path);
 
 // The mount point of the file system holding `path`: the highest of its
 // parents on the same device. A path that cannot be stat'ed comes back in its
-// absolute form. Does not return while a parent cannot be stat'ed, nor for an
-// existing path that `absolute` leaves relative ("." or a one-character name),
-// since its parents never reach "/".
+// absolute form. Does not return while a parent cannot be stat'ed. A path
+// that `absolute` leaves relative ("." or a one-character name) never reaches
+// "/": it comes back as "." once its parent is itself.
 std::string findMountPoint(const std::string& path);
 
 // The target of a symbolic link, cut off at 2048 bytes; empty when `path` is
