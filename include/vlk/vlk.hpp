@@ -16,6 +16,7 @@
 #include <vlk/containers/hash_set.hpp>
 #include <vlk/containers/hash_table.hpp>
 #include <vlk/containers/intrusive_pointer.hpp>
+#include <vlk/containers/mpmc_queue.hpp>
 #include <vlk/containers/mutex_lock.hpp>
 #include <vlk/containers/shared_pointer.hpp>
 #include <vlk/containers/spin_lock.hpp>
