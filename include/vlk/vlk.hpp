@@ -23,6 +23,7 @@
 #include <vlk/containers/worklist.hpp>
 #include <vlk/memory/allocate.hpp>
 #include <vlk/memory/mmap.hpp>
+#include <vlk/regex/jit_regex.hpp>
 #include <vlk/regex/regex.hpp>
 #include <vlk/system/abort.hpp>
 #include <vlk/system/clock.hpp>
