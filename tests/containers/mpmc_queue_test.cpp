@@ -235,7 +235,7 @@ TEST(MpmcQueue, ClearDropsRecordsUnmapsBlocksAndRestartsAtTicketZero) {
 #endif
 
 #if defined(VLK_TEST_TSAN)
-constexpr std::uint64_t stress_records_per_producer = 25'000;
+constexpr std::uint64_t stress_records_per_producer = 100'000;
 #elif defined(__SANITIZE_ADDRESS__)
 constexpr std::uint64_t stress_records_per_producer = 250'000;
 #else
