@@ -10,9 +10,8 @@ namespace {
 
 using vlk::mmap_stats;
 using vlk::base::worklist;
-using vlk::base::worklist_traits;
 
-// An element that counts the live ones and shows moved-from slots.
+// Counts the live elements.
 struct element {
     static inline int live = 0;
     element() { ++live; }
@@ -25,23 +24,10 @@ struct element {
     std::string value;
 };
 
-TEST(Worklist, GrowthRuleTakesTheFirstCapacityThenPowersOfTwo) {
-    using eight = worklist_traits<int, unsigned long, 8>;
-    using three = worklist_traits<int, unsigned long, 3>;
-    const struct {
-        unsigned long from, eightTo, threeTo;
-    } cases[] = {{0, 8, 3}, {3, 8, 8}, {8, 16, 16}, {16, 32, 32}, {1024, 2048, 2048}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(eight::grow(c.from), c.eightTo) << c.from;
-        EXPECT_EQ(three::grow(c.from), c.threeTo) << c.from;
-    }
-}
-
 TEST(Worklist, AppendsConstructEveryCapacitySlotAndKeepOrderAcrossGrowth) {
     {
         worklist<element> list;
         EXPECT_EQ(list.data, nullptr);
-        EXPECT_EQ(element::live, 0);
         const struct {
             unsigned long appends, capacity;
         } steps[] = {{1, 8}, {8, 8}, {9, 16}, {16, 16}, {17, 32}};
@@ -61,7 +47,6 @@ TEST(Worklist, AppendsConstructEveryCapacitySlotAndKeepOrderAcrossGrowth) {
         while (list.count < 32) {
             list.append(list[0]);
         }
-        EXPECT_EQ(list.capacity, 32u);
         list.append(list[3]);  // an element of the list itself, across a growth
         EXPECT_EQ(list.capacity, 64u);
         EXPECT_EQ(list[32].value, "3");
@@ -87,20 +72,13 @@ TEST(Worklist, ArraysOf64KiBOrMoreAreMappedAndUnmapped) {
         EXPECT_EQ(list.capacity, 2048u);  // 98304 bytes: a mapping
         EXPECT_EQ(mmap_stats::mappedCount(), mapped + 1);
         EXPECT_EQ(mmap_stats::mappedBytes(), mappedBytes + 98304);
-        for (int i = 0; i < 1024; ++i) {
+        while (list.count <= 2048) {
             list.append(forty_eight{});
         }
         EXPECT_EQ(mmap_stats::mappedCount(), mapped + 2);
         EXPECT_EQ(mmap_stats::unmappedCount(), unmapped + 1);  // the 2048 array
     }
     EXPECT_EQ(mmap_stats::unmappedCount(), unmapped + 2);
-}
-
-TEST(Worklist, DeallocateOfAnEmptyArrayOnlyFrees) {
-    const std::uint64_t unmapped = mmap_stats::unmappedCount();
-    worklist_traits<int>::deallocate(0, static_cast<int*>(vlk::allocate(16)));
-    worklist_traits<int>::deallocate(0, nullptr);
-    EXPECT_EQ(mmap_stats::unmappedCount(), unmapped);
 }
 
 }  // namespace
