@@ -2,7 +2,7 @@
 # Installs the Debian 12 packages the project needs to build and test.
 # Does nothing when they are all present; needs root (or sudo) otherwise.
 # Usage: scripts/install-deps.sh [--bench] [--fuzz]
-#   --bench  Google Benchmark and fmt, for bench/
+#   --bench  Google Benchmark, fmt and the baseline libraries, for bench/
 #   --fuzz   clang with libFuzzer, for fuzz/ (scripts/fuzz.sh)
 set -euo pipefail
 
@@ -10,7 +10,8 @@ packages=(build-essential cmake pkg-config libpcre3-dev zlib1g-dev
           libgtest-dev libgmock-dev python3 binutils)
 for group in "$@"; do
   case "$group" in
-    --bench) packages+=(libbenchmark-dev libfmt-dev) ;;
+    --bench) packages+=(libbenchmark-dev libfmt-dev libconcurrentqueue-dev
+                         libxenium-dev) ;;
     --fuzz) packages+=(clang libclang-rt-14-dev) ;;
     *) echo "usage: scripts/install-deps.sh [--bench] [--fuzz]" >&2; exit 2 ;;
   esac

@@ -1,15 +1,8 @@
 #include <vlk/regex/regex.hpp>
 
-#include <cstring>
-#include <memory>
+#include "pattern_text.hpp"
 
 namespace vlk {
-namespace {
-
-// Patterns up to this length (with their NUL) are copied on the stack.
-constexpr std::size_t stack_pattern_size = 128;
-
-}  // namespace
 
 regex::regex(const std::string& pattern) {
     _init(pattern.c_str(), pattern.size());
@@ -35,20 +28,10 @@ void regex::init(const std::string& pattern) {
 }
 
 void regex::init(const base::cstring& pattern) {
-    if (_code != nullptr) {
-        return;
+    if (_code == nullptr) {
+        _regex_detail::withTerminatedCopy(
+            pattern, [this](const char* text, unsigned long length) { _init(text, length); });
     }
-    // PCRE wants a NUL-terminated pattern; a view need not have one.
-    char local[stack_pattern_size];
-    std::unique_ptr<char[]> heap;
-    char* text = local;
-    if (pattern.length + 1 > stack_pattern_size) {
-        heap.reset(new char[pattern.length + 1]);
-        text = heap.get();
-    }
-    std::memcpy(text, pattern.data, pattern.length);
-    text[pattern.length] = '\0';
-    _init(text, pattern.length);
 }
 
 void regex::_init(const char* pattern, unsigned long) {

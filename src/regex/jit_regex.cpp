@@ -1,0 +1,73 @@
+#include <vlk/regex/jit_regex.hpp>
+
+#include "pattern_text.hpp"
+
+namespace vlk {
+namespace {
+
+constexpr int jit_stack_start = 32768;
+constexpr int jit_stack_limit = 1048576;
+
+}  // namespace
+
+jit_regex::jit_regex(const std::string& pattern) {
+    _init(pattern.c_str(), pattern.size());
+}
+
+jit_regex::jit_regex(const base::cstring& pattern) {
+    init(pattern);
+}
+
+jit_regex::~jit_regex() {
+    if (_extra != nullptr) {
+        pcre_free_study(_extra);
+    }
+    if (_code != nullptr) {
+        pcre_free(_code);
+    }
+}
+
+void jit_regex::init(const std::string& pattern) {
+    if (_code == nullptr) {
+        _init(pattern.c_str(), pattern.size());
+    }
+}
+
+void jit_regex::init(const base::cstring& pattern) {
+    if (_code == nullptr) {
+        _regex_detail::withTerminatedCopy(
+            pattern, [this](const char* text, unsigned long length) { _init(text, length); });
+    }
+}
+
+void jit_regex::_init(const char* pattern, unsigned long) {
+    const char* errorText = nullptr;
+    int errorOffset = 0;
+    _code = pcre_compile(pattern, 0, &errorText, &errorOffset, nullptr);
+    if (_code == nullptr) {
+        return;
+    }
+    _extra = pcre_study(_code, PCRE_STUDY_JIT_COMPILE, &errorText);
+    if (_extra == nullptr) {
+        return;
+    }
+    // Shared expressions run on subjects of any length; a pattern that
+    // backtracks that much is the caller's choice, not a reason to miss.
+    _extra->flags |= PCRE_EXTRA_MATCH_LIMIT;
+    _extra->match_limit = 4294967295UL;
+    // Only the query's own success is looked at: when PCRE cannot answer it,
+    // the matcher falls back to pcre_jit_exec. The answer in `value` is not
+    // needed, since pcre_exec enters JIT code by itself when there is some.
+    int value = 0;
+    _useJitExec = pcre_fullinfo(_code, _extra, PCRE_INFO_JIT, &value) != 0;
+}
+
+void* jit_regex::allocateJitStack() {
+    return pcre_jit_stack_alloc(jit_stack_start, jit_stack_limit);
+}
+
+void jit_regex::deallocateJitStack(void* stack) {
+    pcre_jit_stack_free(static_cast<pcre_jit_stack*>(stack));
+}
+
+}  // namespace vlk

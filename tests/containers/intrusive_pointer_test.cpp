@@ -1,0 +1,72 @@
+#include <vlk/containers/intrusive_pointer.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using vlk::base::intrusive_pointer;
+using vlk::base::intrusive_pointer_traits;
+
+std::atomic<int> g_deaths{0};
+
+struct atomic_counted {
+    std::atomic<std::int32_t> _refCount{0};
+    ~atomic_counted() { g_deaths.fetch_add(1); }
+};
+
+// A count kept as a plain word is changed through std::atomic_ref.
+struct plain_counted {
+    std::int32_t _refCount = 0;
+    ~plain_counted() { g_deaths.fetch_add(1); }
+};
+
+template <typename T>
+class IntrusivePointer : public testing::Test {};
+using counted_types = testing::Types<atomic_counted, plain_counted>;
+TYPED_TEST_SUITE(IntrusivePointer, counted_types);
+
+TYPED_TEST(IntrusivePointer, CountStartsAtZeroAndTheLastHolderDeletes) {
+    using traits = intrusive_pointer_traits<TypeParam>;
+    g_deaths.store(0);
+    auto* object = new TypeParam;
+    EXPECT_EQ(traits::references(object), 0);
+    intrusive_pointer<TypeParam> first(object);
+    EXPECT_EQ(traits::references(object), 1);
+    intrusive_pointer<TypeParam> second(first);
+    intrusive_pointer<TypeParam> third(std::move(second));
+    EXPECT_EQ(second.get(), nullptr);
+    third = first;  // the same object: one share given up, one taken
+    EXPECT_EQ(traits::references(object), 2);
+    first.release();
+    first.release();  // now null: releases nothing
+    EXPECT_EQ(traits::references(object), 1);
+    EXPECT_EQ(g_deaths.load(), 0);
+    third.release();
+    EXPECT_EQ(g_deaths.load(), 1);
+}
+
+TYPED_TEST(IntrusivePointer, CopiesReleasedOnManyThreadsDeleteOnce) {
+    g_deaths.store(0);
+    intrusive_pointer<TypeParam> owner(new TypeParam);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 50000; ++i) {
+                intrusive_pointer<TypeParam> copy(owner);
+                intrusive_pointer<TypeParam> other(copy);
+            }
+        });
+    }
+    for (std::thread& t : threads) {
+        t.join();
+    }
+    EXPECT_EQ(intrusive_pointer_traits<TypeParam>::references(owner.get()), 1);
+    owner.release();
+    EXPECT_EQ(g_deaths.load(), 1);
+}
+
+}  // namespace

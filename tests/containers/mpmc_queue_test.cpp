@@ -1,0 +1,314 @@
+#include <vlk/containers/mpmc_queue.hpp>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <latch>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <vlk/memory/mmap.hpp>
+
+// The one door into the queue's internals: reserve a ticket without
+// completing it, complete it later, and look at a lane's blocks.
+namespace vlk::lockfree {
+struct mpmc_queue_test_access {
+    template <typename Queue>
+    static std::uint64_t reserve(Queue& queue) {
+        return queue._reserveIndex.fetch_add(1);
+    }
+    template <typename Queue>
+    static void complete(Queue& queue, std::uint64_t ticket, typename Queue::value_type value) {
+        queue._put(ticket, std::move(value));
+    }
+    template <typename Queue>
+    static void* writeBlock(Queue& queue, unsigned lane) {
+        return queue._lanes[lane]._write._writeBlock.load();
+    }
+    template <typename Queue>
+    static void* readBlock(Queue& queue, unsigned lane) {
+        return queue._lanes[lane]._read._readBlock.load();
+    }
+    template <typename Queue>
+    static void* spareBlock(Queue& queue, unsigned lane) {
+        return queue._lanes[lane]._write._spareBlock.load();
+    }
+    template <typename Queue>
+    static void* next(void* block) {
+        return static_cast<typename Queue::mem_block*>(block)->next.load();
+    }
+    template <typename Queue>
+    static const typename Queue::value_type& slot(void* block, std::uint64_t index) {
+        auto* at = Queue::_slot(static_cast<typename Queue::mem_block*>(block), index);
+        return *std::launder(static_cast<const typename Queue::value_type*>(at));
+    }
+};
+}  // namespace vlk::lockfree
+
+namespace {
+
+using vlk::mmap_stats;
+using vlk::lockfree::mpmc_queue;
+using vlk::lockfree::mpmc_queue_test_access;
+using vlk::lockfree::mpmc_queue_traits;
+
+using number_queue = mpmc_queue<mpmc_queue_traits<std::uint64_t, 1024, 8, true, true>>;
+// Four slots per block: a lane changes blocks every 32 tickets.
+using small_block_queue = mpmc_queue<mpmc_queue_traits<std::uint64_t, 4, 8, true, true>>;
+
+struct mapping_delta {
+    std::int64_t mapped;
+    std::int64_t unmapped;
+};
+
+class mapping_counter {
+  public:
+    mapping_delta delta() const {
+        return {std::int64_t(mmap_stats::mappedCount() - _mapped),
+                std::int64_t(mmap_stats::unmappedCount() - _unmapped)};
+    }
+
+  private:
+    std::uint64_t _mapped = mmap_stats::mappedCount();
+    std::uint64_t _unmapped = mmap_stats::unmappedCount();
+};
+
+template <typename Queue>
+void putRange(Queue& queue, std::uint64_t from, std::uint64_t to) {
+    for (std::uint64_t value = from; value < to; ++value) {
+        queue.put(std::uint64_t{value});
+    }
+}
+
+// Takes `count` records and checks they come in ticket order from `from`.
+template <typename Queue>
+void expectRange(Queue& queue, std::uint64_t from, std::uint64_t count) {
+    std::uint64_t value = 0;
+    for (std::uint64_t i = 0; i < count; ++i) {
+        ASSERT_TRUE(queue.get(value));
+        ASSERT_EQ(value, from + i);
+    }
+}
+
+TEST(MpmcQueue, TicketsMapToLaneTurnAndSlot) {
+    const struct {
+        std::uint64_t ticket, lane, base, slot;
+    } cases[] = {
+        {0, 0, 0, 0},          {7, 7, 0, 0},          {8, 0, 8, 1},       {9, 1, 8, 1},
+        {8184, 0, 8184, 1023}, {8191, 7, 8184, 1023}, {8192, 0, 8192, 0}, {8200, 0, 8200, 1},
+    };
+    for (const auto& c : cases) {
+        const auto at = number_queue::ticketPosition(c.ticket);
+        EXPECT_EQ(at.lane, c.lane) << c.ticket;
+        EXPECT_EQ(at.base, c.base) << c.ticket;
+        EXPECT_EQ(at.slot, c.slot) << c.ticket;
+    }
+}
+
+TEST(MpmcQueue, EachLaneFillsItsBlockAndTicket8192OpensTheSecond) {
+    using access = mpmc_queue_test_access;
+    mapping_counter counter;
+    auto queue = std::make_unique<number_queue>();
+    putRange(*queue, 0, 8192);
+    EXPECT_EQ(counter.delta().mapped, 8);  // one block per lane
+    void* first = access::writeBlock(*queue, 0);
+    EXPECT_EQ(access::slot<number_queue>(first, 0), 0u);
+    EXPECT_EQ(access::slot<number_queue>(first, 1), 8u);
+    EXPECT_EQ(access::slot<number_queue>(first, 1023), 8184u);
+    EXPECT_EQ(access::slot<number_queue>(access::writeBlock(*queue, 7), 0), 7u);
+
+    queue->put(8192);
+    EXPECT_EQ(counter.delta().mapped, 9);
+    void* second = access::writeBlock(*queue, 0);
+    EXPECT_NE(second, first);
+    EXPECT_EQ(access::next<number_queue>(first), second);
+    EXPECT_EQ(access::readBlock(*queue, 0), first);
+    EXPECT_EQ(access::slot<number_queue>(second, 0), 8192u);
+
+    // Taking ticket 8184 empties lane 0's first block, which becomes its spare.
+    expectRange(*queue, 0, 8193);
+    EXPECT_EQ(access::readBlock(*queue, 0), second);
+    EXPECT_EQ(access::spareBlock(*queue, 0), first);
+    EXPECT_EQ(counter.delta().unmapped, 0);
+    queue.reset();
+    EXPECT_EQ(counter.delta().unmapped, 9);
+}
+
+TEST(MpmcQueue, GetReturnsFalseOnceEveryCompletedPutIsTaken) {
+    number_queue queue;
+    std::uint64_t value = 42;
+    EXPECT_FALSE(queue.get(value));
+    queue.put(1);
+    EXPECT_TRUE(queue.get(value));
+    EXPECT_EQ(value, 1u);
+    EXPECT_FALSE(queue.get(value));
+    // A reserved ticket whose put has not completed is not counted.
+    const std::uint64_t ticket = mpmc_queue_test_access::reserve(queue);
+    EXPECT_FALSE(queue.get(value));
+    mpmc_queue_test_access::complete(queue, ticket, 2);
+    EXPECT_TRUE(queue.get(value));
+    EXPECT_EQ(value, 2u);
+}
+
+TEST(MpmcQueue, ConsumerThatClaimsAnUnfinishedTicketWaitsForIt) {
+    number_queue queue;
+    const std::uint64_t ticket0 = mpmc_queue_test_access::reserve(queue);
+    queue.put(1);  // ticket 1 completes first
+    std::atomic<bool> done{false};
+    std::uint64_t taken = 0;
+    std::thread consumer([&] {
+        EXPECT_TRUE(queue.get(taken));
+        done.store(true);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(done.load());
+    mpmc_queue_test_access::complete(queue, ticket0, 100);
+    consumer.join();
+    EXPECT_EQ(taken, 100u);  // ticket 0's record, not ticket 1's
+    EXPECT_TRUE(queue.get(taken));
+    EXPECT_EQ(taken, 1u);
+}
+
+TEST(MpmcQueue, EmptiedBlockGoesToTheSpareUnlessTheSpareIsTaken) {
+    // Every step acts on all 8 lanes alike: 32 tickets are one block each.
+    mapping_counter counter;
+    small_block_queue queue;
+    const struct {
+        const char* what;
+        void (*step)(small_block_queue&);
+        mapping_delta total;
+    } steps[] = {
+        {"first blocks mapped", [](auto& q) { putRange(q, 0, 32); }, {8, 0}},
+        {"emptied blocks kept as spares", [](auto& q) { expectRange(q, 0, 32); }, {8, 0}},
+        {"spares reused", [](auto& q) { putRange(q, 32, 64); }, {8, 0}},
+        {"no spare: new blocks", [](auto& q) { putRange(q, 64, 96); }, {16, 0}},
+        {"spares refilled", [](auto& q) { expectRange(q, 32, 32); }, {16, 0}},
+        {"spare taken: unmapped", [](auto& q) { expectRange(q, 64, 32); }, {16, 8}},
+        {"clear unmaps the spares", [](auto& q) { q.clear(); }, {16, 16}},
+    };
+    for (const auto& s : steps) {
+        s.step(queue);
+        EXPECT_EQ(counter.delta().mapped, s.total.mapped) << s.what;
+        EXPECT_EQ(counter.delta().unmapped, s.total.unmapped) << s.what;
+    }
+}
+
+TEST(MpmcQueue, ClearDropsRecordsUnmapsBlocksAndRestartsAtTicketZero) {
+    using string_queue = mpmc_queue<mpmc_queue_traits<std::string, 4, 8, true, true>>;
+    mapping_counter counter;
+    string_queue queue;
+    queue.clear();  // empty: nothing to release
+    EXPECT_EQ(counter.delta().mapped, 0);
+    EXPECT_EQ(counter.delta().unmapped, 0);
+
+    // Heap-backed records: a record left behind shows up as a leak.
+    const std::string text(100, 'x');
+    for (int i = 0; i < 50; ++i) {
+        queue.put(text + std::to_string(i));
+    }
+    std::string taken;
+    ASSERT_TRUE(queue.get(taken));
+    queue.clear();
+    EXPECT_FALSE(queue.get(taken));
+    EXPECT_EQ(counter.delta().mapped, counter.delta().unmapped);
+
+    queue.put("again");
+    EXPECT_EQ(
+        mpmc_queue_test_access::slot<string_queue>(mpmc_queue_test_access::writeBlock(queue, 0), 0),
+        "again");
+    ASSERT_TRUE(queue.get(taken));
+    EXPECT_EQ(taken, "again");
+}
+
+// --- Stress: more threads than the machine has cores, on purpose, so that
+// a thread is preempted in the middle of its ticket. Checked against the
+// sequential model: every record arrives exactly once, intact, and each
+// consumer sees each producer's records in the order they were put.
+
+#if defined(__SANITIZE_THREAD__)
+#define VLK_TEST_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define VLK_TEST_TSAN 1
+#endif
+#endif
+
+#if defined(VLK_TEST_TSAN)
+constexpr std::uint64_t stress_records_per_producer = 100'000;
+#elif defined(__SANITIZE_ADDRESS__)
+constexpr std::uint64_t stress_records_per_producer = 250'000;
+#else
+constexpr std::uint64_t stress_records_per_producer = 1'000'000;
+#endif
+
+// The size of the logger's record; the check word shows a torn move.
+struct stress_record {
+    std::uint64_t producer = 0;
+    std::uint64_t sequence = 0;
+    std::uint64_t payload[4] = {};
+    std::uint64_t check = 0;
+};
+static_assert(sizeof(stress_record) == 56);
+
+// Four producers, two consumers; returns the count of faults seen.
+template <unsigned long EntriesPerBlock>
+std::uint64_t stressFaults(std::uint64_t perProducer) {
+    using queue_type = mpmc_queue<mpmc_queue_traits<stress_record, EntriesPerBlock, 8, true, true>>;
+    constexpr unsigned producers = 4, consumers = 2;
+    auto queue = std::make_unique<queue_type>();
+    const std::uint64_t total = producers * perProducer;
+    std::vector<std::atomic<std::uint8_t>> arrivals(total);
+    std::atomic<std::uint64_t> taken{0}, faults{0};
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(200);
+    std::latch start(producers + consumers);
+    std::vector<std::thread> threads;
+    for (unsigned p = 0; p < producers; ++p) {
+        threads.emplace_back([&, p] {
+            start.arrive_and_wait();
+            for (std::uint64_t s = 0; s < perProducer; ++s) {
+                queue->put({p, s, {}, p * perProducer + s});
+            }
+        });
+    }
+    for (unsigned c = 0; c < consumers; ++c) {
+        threads.emplace_back([&] {
+            std::vector<std::uint64_t> next(producers, 0);  // lowest sequence still allowed
+            stress_record r;
+            start.arrive_and_wait();
+            while (taken.load() < total && std::chrono::steady_clock::now() < deadline) {
+                if (!queue->get(r)) {
+                    std::this_thread::yield();
+                    continue;
+                }
+                taken.fetch_add(1);
+                const std::uint64_t id = r.producer * perProducer + r.sequence;
+                if (r.producer >= producers || r.sequence >= perProducer || r.check != id ||
+                    r.sequence < next[r.producer] || arrivals[id].fetch_add(1) != 0) {
+                    faults.fetch_add(1);
+                    continue;
+                }
+                next[r.producer] = r.sequence + 1;
+            }
+        });
+    }
+    for (std::thread& t : threads) {
+        t.join();
+    }
+    return faults.load() + (total - taken.load());
+}
+
+TEST(MpmcQueueStress, FourProducersTwoConsumersDeliverEveryRecordOnceInOrder) {
+    EXPECT_EQ(stressFaults<1024>(stress_records_per_producer), 0u);
+}
+
+// Blocks of four slots make every lane hand a block over every 32 tickets,
+// so the block lock, the spare and the unmapping run all the time.
+TEST(MpmcQueueStress, SmallBlocksChangeHandsWithoutLossOrLeak) {
+    mapping_counter counter;
+    EXPECT_EQ(stressFaults<4>(stress_records_per_producer / 4), 0u);
+    EXPECT_EQ(counter.delta().mapped, counter.delta().unmapped);
+}
+
+}  // namespace

@@ -1,0 +1,84 @@
+#include <vlk/containers/worklist.hpp>
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include <vlk/memory/mmap.hpp>
+
+namespace {
+
+using vlk::mmap_stats;
+using vlk::base::worklist;
+
+// Counts the live elements.
+struct element {
+    static inline int live = 0;
+    element() { ++live; }
+    explicit element(std::string v) : value(std::move(v)) { ++live; }
+    element(const element& other) : value(other.value) { ++live; }
+    element(element&& other) noexcept : value(std::move(other.value)) { ++live; }
+    element& operator=(const element&) = default;
+    element& operator=(element&&) noexcept = default;
+    ~element() { --live; }
+    std::string value;
+};
+
+TEST(Worklist, AppendsConstructEveryCapacitySlotAndKeepOrderAcrossGrowth) {
+    {
+        worklist<element> list;
+        EXPECT_EQ(list.data, nullptr);
+        const struct {
+            unsigned long appends, capacity;
+        } steps[] = {{1, 8}, {8, 8}, {9, 16}, {16, 16}, {17, 32}};
+        unsigned long appended = 0;
+        for (const auto& s : steps) {
+            while (appended < s.appends) {
+                list.append(element(std::to_string(appended++)));
+            }
+            EXPECT_EQ(list.count, s.appends);
+            EXPECT_EQ(list.capacity, s.capacity);
+            EXPECT_EQ(element::live, int(s.capacity));  // all slots, no old array
+        }
+        for (unsigned long i = 0; i < list.count; ++i) {
+            EXPECT_EQ(list[i].value, std::to_string(i));
+        }
+        EXPECT_TRUE(list[list.count].value.empty());  // a default past `count`
+        while (list.count < 32) {
+            list.append(list[0]);
+        }
+        list.append(list[3]);  // an element of the list itself, across a growth
+        EXPECT_EQ(list.capacity, 64u);
+        EXPECT_EQ(list[32].value, "3");
+    }
+    EXPECT_EQ(element::live, 0);
+}
+
+TEST(Worklist, ArraysOf64KiBOrMoreAreMappedAndUnmapped) {
+    struct forty_eight {
+        char bytes[48] = {};
+    };
+    const std::uint64_t mapped = mmap_stats::mappedCount();
+    const std::uint64_t unmapped = mmap_stats::unmappedCount();
+    const std::uint64_t mappedBytes = mmap_stats::mappedBytes();
+    {
+        worklist<forty_eight> list;
+        for (int i = 0; i < 1024; ++i) {
+            list.append(forty_eight{});
+        }
+        EXPECT_EQ(list.capacity, 1024u);  // 49152 bytes: heap
+        EXPECT_EQ(mmap_stats::mappedCount(), mapped);
+        list.append(forty_eight{});
+        EXPECT_EQ(list.capacity, 2048u);  // 98304 bytes: a mapping
+        EXPECT_EQ(mmap_stats::mappedCount(), mapped + 1);
+        EXPECT_EQ(mmap_stats::mappedBytes(), mappedBytes + 98304);
+        while (list.count <= 2048) {
+            list.append(forty_eight{});
+        }
+        EXPECT_EQ(mmap_stats::mappedCount(), mapped + 2);
+        EXPECT_EQ(mmap_stats::unmappedCount(), unmapped + 1);  // the 2048 array
+    }
+    EXPECT_EQ(mmap_stats::unmappedCount(), unmapped + 2);
+}
+
+}  // namespace

@@ -1,0 +1,91 @@
+#include <vlk/regex/jit_regex.hpp>
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using vlk::jit_regex;
+using vlk::base::cstring;
+
+// pcre_exec on the object's fields, as the regex manager runs it.
+bool matches(const jit_regex& regex, const std::string& subject) {
+    int vector[30];
+    return regex._code != nullptr && pcre_exec(regex._code, regex._extra, subject.data(),
+                                               int(subject.size()), 0, 0, vector, 30) >= 0;
+}
+
+TEST(JitRegex, ValidPatternIsJitStudiedWithTheMatchLimitLifted) {
+    jit_regex regex(std::string("^0[1-9]-000[12]$"));
+    ASSERT_NE(regex._code, nullptr);
+    ASSERT_NE(regex._extra, nullptr);
+    EXPECT_EQ(regex._refCount.load(), 0);
+    EXPECT_FALSE(regex._useJitExec);  // this PCRE answers the JIT query
+    EXPECT_NE(regex._extra->flags & PCRE_EXTRA_MATCH_LIMIT, 0u);
+    EXPECT_EQ(regex._extra->match_limit, 4294967295UL);
+    int jitCompiled = 0;
+    ASSERT_EQ(pcre_fullinfo(regex._code, regex._extra, PCRE_INFO_JIT, &jitCompiled), 0);
+    EXPECT_EQ(jitCompiled, 1);
+
+    EXPECT_TRUE(matches(regex, "01-0001"));
+    EXPECT_FALSE(matches(regex, "01-0003"));
+    void* stack = jit_regex::allocateJitStack();
+    ASSERT_NE(stack, nullptr);
+    int vector[30];
+    EXPECT_EQ(pcre_jit_exec(regex._code, regex._extra, "09-0002", 7, 0, 0, vector, 30,
+                            static_cast<pcre_jit_stack*>(stack)),
+              1);
+    jit_regex::deallocateJitStack(stack);
+}
+
+TEST(JitRegex, InitKeepsTheFirstPatternInEveryForm) {
+    const std::string a = "^a$", b = "^b$";
+    jit_regex fromString(a), fromView(cstring{a.data(), a.size()}), fromDefault;
+    fromDefault.init(cstring{a.data(), a.size()});
+    for (jit_regex* regex : {&fromString, &fromView, &fromDefault}) {
+        regex->init(b);
+        regex->init(cstring{b.data(), b.size()});
+        EXPECT_TRUE(matches(*regex, "a"));
+        EXPECT_FALSE(matches(*regex, "b"));
+    }
+}
+
+TEST(JitRegex, InvalidPatternLeavesAnObjectThatMatchesNothing) {
+    const std::string bad = "01-(00";
+    jit_regex fromString(bad), fromView(cstring{bad.data(), bad.size()});
+    for (const jit_regex* regex : {&fromString, &fromView}) {
+        EXPECT_EQ(regex->_code, nullptr);
+        EXPECT_EQ(regex->_extra, nullptr);
+        EXPECT_FALSE(regex->_useJitExec);
+        EXPECT_FALSE(matches(*regex, "01-00"));
+    }
+}
+
+TEST(JitRegex, ViewsAreCopiedWithTheirLengthOnStackOrHeap) {
+    const std::string text = "01-00X";
+    jit_regex prefix(cstring{text.data(), 5});  // no NUL behind the view
+    EXPECT_TRUE(matches(prefix, "01-00"));
+    EXPECT_FALSE(matches(prefix, "01-0"));
+    for (std::size_t length : {127u, 128u, 300u}) {  // the longer ones go to the heap
+        const std::string pattern = "^" + std::string(length - 2, 'z') + "$";
+        jit_regex regex(cstring{pattern.data(), pattern.size()});
+        EXPECT_TRUE(matches(regex, std::string(length - 2, 'z'))) << length;
+        EXPECT_FALSE(matches(regex, std::string(length - 3, 'z'))) << length;
+    }
+    jit_regex empty(cstring{});  // a zero length: the pointer is never read
+    EXPECT_TRUE(matches(empty, "anything"));
+}
+
+TEST(JitRegex, SharedObjectIsCountedByItsHolders) {
+    auto* raw = new jit_regex(std::string("x+"));
+    vlk::jit_regex_pointer first(raw);
+    {
+        vlk::jit_regex_pointer second(first);
+        EXPECT_EQ(raw->_refCount.load(), 2);
+        EXPECT_TRUE(matches(*second, "xx"));
+    }
+    EXPECT_EQ(raw->_refCount.load(), 1);
+}  // the last holder deletes it; a leak shows under the leak checker
+
+}  // namespace
