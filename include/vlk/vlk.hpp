@@ -15,8 +15,10 @@
 #include <vlk/containers/hash_map.hpp>
 #include <vlk/containers/hash_set.hpp>
 #include <vlk/containers/hash_table.hpp>
+#include <vlk/containers/mpmc_hash_map.hpp>
 #include <vlk/containers/mutex_lock.hpp>
 #include <vlk/containers/spin_lock.hpp>
+#include <vlk/containers/thread_tracker.hpp>
 #include <vlk/memory/allocate.hpp>
 #include <vlk/memory/mmap.hpp>
 #include <vlk/regex/regex.hpp>

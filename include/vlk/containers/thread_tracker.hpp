@@ -8,27 +8,34 @@
 // that was inside a section on `map` has moved its counter on. There is one
 // tracker per map type (`Map`), shared by all maps of that type.
 //
-// Reader cost: no lock and no read-modify-write. Entering is two stores to
-// the thread's own words plus the reader fence (below); leaving is one
-// store. A thread registers lazily at its first section (one allocation, the
-// tracker lock taken once) and is retired by a pthread key destructor when it
-// ends. `wait` costs one heavy fence and a walk of all registered threads; it
-// holds the tracker lock for the walk and may spin without limit on a thread
-// that stays inside a section. A section must not block.
+// Reader cost: no lock. Entering is two stores to the thread's own words and
+// leaving one; with the default (asymmetric) scheme all three are plain
+// moves, with the full scheme the entering counter store is an xchg. A thread
+// registers lazily at its first section (one allocation, the tracker lock
+// taken once) and is retired by a pthread key destructor when it ends.
+// `wait` costs a membarrier call (asymmetric scheme) and a walk of all
+// registered threads; it holds the tracker lock for the walk and may spin
+// without limit on a thread that stays inside a section. A section must not
+// block.
 //
 // Ordering. A reader stores its counter and then loads the map's table; a
 // writer stores the table and then loads every counter. Each side is a store
-// followed by a load, which x86 may reorder, so each side needs a full
-// barrier between the two. With `tracker_fence::full` the reader executes a
-// seq_cst fence on entry. With `tracker_fence::asymmetric` (the default) the
-// reader has only a compiler barrier and the writer calls
-// membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED), which makes every running
-// thread of the process execute a full barrier; a sleeping thread passed one
-// in the context switch. Either the reader's counter store is globally
-// visible before the writer reads it, or the reader's table load executes
-// after the writer's barrier and sees the new table. Where the kernel
-// refuses the registration the asymmetric mode falls back to the full fence
-// on both sides, decided once per process before any thread's first section.
+// followed by a load, which x86 may reorder, and the one outcome to exclude is
+// that the reader loads the old table while the writer loads the reader's
+// old counter. The map publishes its table with a seq_cst store and loads it
+// inside a section with seq_cst loads; wait() loads each counter first with
+// seq_cst. With `tracker_fence::full` the reader's counter store is seq_cst
+// too (an xchg on x86): four seq_cst operations, so that outcome is
+// impossible. With `tracker_fence::asymmetric` (the default) the reader's
+// store is a release store (a plain move) behind a compiler barrier, and the
+// writer calls membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED) before it reads
+// counters, which makes every running thread of the process execute a full
+// barrier; a thread that is not running passed one in its context switch.
+// Either the reader's counter store is visible before the writer reads it,
+// or the reader's table load executes after that barrier and sees the new
+// table. Where the kernel refuses the registration, asymmetric falls back to
+// full, decided once per process before any thread's first section. No
+// standalone fence is used, so ThreadSanitizer sees every edge.
 #pragma once
 
 #include <linux/membarrier.h>
@@ -125,7 +132,7 @@ class wait_info {
         if (_pendingCount.load(std::memory_order_relaxed) != 0) {
             _merge();
         }
-        _heavyFence(fence);
+        _writerBarrier(fence);
         for (thread_record* record = _threads; record != nullptr; record = record->_next) {
             _waitFor(*record, map);
         }
@@ -233,24 +240,23 @@ class wait_info {
         _pendingCount.store(0, std::memory_order_relaxed);
     }
 
-    // The writer's half of the store->load ordering described at the top.
-    static void _heavyFence(tracker_fence fence) {
+    // The writer's half of the asymmetric scheme described at the top; the
+    // full scheme needs nothing beyond the seq_cst loads in _waitFor().
+    static void _writerBarrier(tracker_fence fence) {
         if (fence == tracker_fence::asymmetric && asymmetricFencesReady()) {
             ::syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
         }
-        // Always also a seq_cst fence: the full-fence readers pair with it,
-        // and it states the order in the language's model.
-        std::atomic_thread_fence(std::memory_order_seq_cst);
     }
 
     // Spins, one pause per look, while the record's thread stays in a
     // section on `map` that it had entered when we looked first.
     static void _waitFor(const thread_record& record, unsigned long map) {
-        // Acquire: pairs with the release stores of enter and leave, so
+        // Seq_cst: the writer's load of the store->load pair at the top. As
+        // an acquire it pairs with the release stores of enter and leave, so
         // whatever the thread did in the sections before the value we read,
         // its reads of the old table included, happens before our return
         // and the caller's free of that table.
-        const std::uint64_t counter = record._counterAddress->load(std::memory_order_acquire);
+        const std::uint64_t counter = record._counterAddress->load(std::memory_order_seq_cst);
         // Relaxed: enter stores the map before its release store of the
         // counter, so a counter seen inside shows the map of that section.
         if ((counter & 2) == 0 || record._instanceAddress->load(std::memory_order_relaxed) != map) {
@@ -298,11 +304,7 @@ class lf_thread_tracker_impl {
             counter = _register();
         }
         _instance.store(map, std::memory_order_relaxed);
-        // Release: pairs with the acquire loads in wait(). It orders the
-        // _instance store before it, and every access of the sections
-        // before this one ahead of any writer that reads this value.
-        _counter.store(counter + 2, std::memory_order_release);
-        _readerFence();
+        _storeEntryCounter(counter + 2);
         return counter + 4;
     }
 
@@ -320,18 +322,22 @@ class lf_thread_tracker_impl {
     static inline constinit wait_info<Map> _waitInfo{};
 
   private:
-    // The reader's half of the store->load ordering described at the top:
-    // the counter store above must be visible before the caller's next load
-    // of the map's table.
-    [[gnu::always_inline]] static void _readerFence() {
+    // The reader's store of the store->load pair described at the top: it
+    // must be visible before the caller's next load of the map's table. In
+    // both forms it is a release store, pairing with the acquire loads in
+    // wait(): it orders the _instance store before it, and every access of
+    // the sections before this one ahead of any writer that reads the value.
+    [[gnu::always_inline]] static void _storeEntryCounter(std::uint64_t value) {
         if constexpr (fence() == tracker_fence::asymmetric) {
             if (g_asymmetricFences.load(std::memory_order_relaxed)) [[likely]] {
-                // The writer's membarrier supplies the barrier for us.
+                _counter.store(value, std::memory_order_release);
+                // Keeps the compiler from moving the table load above the
+                // store; the writer's membarrier does the processor's part.
                 std::atomic_signal_fence(std::memory_order_seq_cst);
                 return;
             }
         }
-        std::atomic_thread_fence(std::memory_order_seq_cst);
+        _counter.store(value, std::memory_order_seq_cst);
     }
 
     // Creates the record; returns 1, so that the first section is 3.
