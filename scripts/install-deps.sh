@@ -7,7 +7,7 @@ set -euo pipefail
 packages=(build-essential cmake pkg-config libpcre3-dev zlib1g-dev
           libgtest-dev libgmock-dev python3 binutils)
 if [[ "${1:-}" == "--bench" ]]; then
-  packages+=(libbenchmark-dev libfmt-dev)
+  packages+=(libbenchmark-dev libfmt-dev libtbb-dev libcuckoo-dev)
 fi
 
 missing=()
