@@ -16,10 +16,12 @@
 #include <vlk/containers/hash_set.hpp>
 #include <vlk/containers/hash_table.hpp>
 #include <vlk/containers/intrusive_pointer.hpp>
+#include <vlk/containers/mpmc_hash_map.hpp>
 #include <vlk/containers/mpmc_queue.hpp>
 #include <vlk/containers/mutex_lock.hpp>
 #include <vlk/containers/shared_pointer.hpp>
 #include <vlk/containers/spin_lock.hpp>
+#include <vlk/containers/thread_tracker.hpp>
 #include <vlk/containers/worklist.hpp>
 #include <vlk/memory/allocate.hpp>
 #include <vlk/memory/mmap.hpp>

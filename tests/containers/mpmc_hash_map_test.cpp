@@ -1,0 +1,400 @@
+#include <vlk/containers/mpmc_hash_map.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace vlk::lockfree;
+using constants16 = mpmc_hash_map_constants<16, 2, 8388608, true, false, false, false>;
+using constants1024 = mpmc_hash_map_constants<1024, 2, 8388608, true, false, false, false>;
+
+struct word_tag {};
+using word_map = mpmc_hash_map<unsigned long, unsigned long, word_tag, constants16>;
+
+#if defined(__SANITIZE_THREAD__)  // GCC
+#define VLK_UNDER_TSAN 1
+#elif defined(__has_feature)  // Clang
+#if __has_feature(thread_sanitizer)
+#define VLK_UNDER_TSAN 1
+#endif
+#endif
+#if defined(VLK_UNDER_TSAN)
+constexpr unsigned long kScale = 4;  // ThreadSanitizer runs about 10 times slower
+#else
+constexpr unsigned long kScale = 32;
+#endif
+
+constexpr std::uint64_t count(std::uint64_t word) {
+    return word & word_map::count_mask;
+}
+constexpr bool chained(std::uint64_t word) {
+    return (word & word_map::chained_bit) != 0;
+}
+
+// A counted pointer of the kind the string registry stores: copying counts
+// the new reference before the old one is dropped.
+std::atomic<long> g_liveObjects{0};
+
+class counted {
+  public:
+    counted() = default;
+    explicit counted(unsigned long value) : _object(new object{{1}, value}) { ++g_liveObjects; }
+    counted(const counted& other) : _object(other.retain()) {}
+    counted& operator=(const counted& other) {
+        object* kept = other.retain();
+        release();
+        _object = kept;
+        return *this;
+    }
+    ~counted() { release(); }
+
+    unsigned long value() const { return _object != nullptr ? _object->value : ~0ul; }
+    long references() const { return _object->references.load(); }
+
+  private:
+    struct object {
+        std::atomic<long> references;
+        unsigned long value;
+    };
+    object* retain() const {
+        if (_object != nullptr) {
+            ++_object->references;
+        }
+        return _object;
+    }
+    void release() {
+        if (_object != nullptr && --_object->references == 0) {
+            delete _object;
+            --g_liveObjects;
+        }
+    }
+    object* _object = nullptr;
+};
+
+struct string_tag {};
+using string_map = mpmc_hash_map<std::string, counted, string_tag, constants1024>;
+
+// 16 buckets and 8 segments of 10 nodes: one bucket holds 3 + 80 entries.
+// Keys that are multiples of the stride share bucket 0; with stride 64 they
+// still share it at 32 and 64 buckets, so the resize doubles twice more.
+TEST(MpmcHashMap, AFullBucketWithNoFreeNodeGrowsTheTable) {
+    struct row {
+        unsigned long stride, bucketsAfter84th;
+    };
+    for (row r : {row{16, 32}, row{64, 128}}) {
+        SCOPED_TRACE(r.stride);
+        word_map map;
+        for (unsigned long i = 0; i < 83; ++i) {
+            ASSERT_TRUE(map.insert(i * r.stride, i));
+        }
+        EXPECT_EQ(map.bucketCount(), 16u);
+        EXPECT_EQ(map.freeNodeCount(), 0u);
+        EXPECT_EQ(count(map.bucketWord(0)), 3u);
+        EXPECT_TRUE(chained(map.bucketWord(0)));
+
+        ASSERT_TRUE(map.insert(83 * r.stride, 83));
+        EXPECT_EQ(map.bucketCount(), r.bucketsAfter84th);
+        EXPECT_EQ(map.size(), 84u);
+        for (unsigned long i = 0; i < 84; ++i) {
+            unsigned long value = ~0ul;
+            EXPECT_TRUE(map.find(i * r.stride, value));
+            EXPECT_EQ(value, i);
+        }
+    }
+}
+
+TEST(MpmcHashMap, InsertKeepsAPresentKeyAndEraseRefillsSlots) {
+    word_map map;
+    unsigned long value = 0;
+    // An insert of a present key keeps the value and the word: count 1,
+    // present bit of slot 0, one version step, unlocked.
+    EXPECT_TRUE(map.insert(5, 50));
+    EXPECT_FALSE(map.insert(5, 99));
+    EXPECT_EQ(map.bucketWord(5), 512u + 8 + 1);
+    EXPECT_TRUE(map.find(5, value));
+    EXPECT_EQ(value, 50u);
+    // Empty bucket: false, word untouched.
+    EXPECT_FALSE(map.erase(3));
+    EXPECT_EQ(map.bucketWord(3), 0u);
+
+    // Bucket 0: slots 0, 16, 32; chain 64 (head), 48.
+    for (unsigned long key : {0, 16, 32, 48, 64}) {
+        ASSERT_TRUE(map.insert(key, key + 1));
+    }
+    const unsigned long freeBefore = map.freeNodeCount();
+    const std::uint64_t full = map.bucketWord(0);
+    EXPECT_FALSE(map.erase(80));  // absent from slots and chain
+    EXPECT_EQ(map.bucketWord(0), full);
+
+    // Erasing slot 0 moves the chain head into it; count stays 3.
+    EXPECT_TRUE(map.erase(0));
+    EXPECT_EQ(count(map.bucketWord(0)), 3u);
+    EXPECT_TRUE(chained(map.bucketWord(0)));
+    EXPECT_EQ(map.freeNodeCount(), freeBefore + 1);
+    EXPECT_FALSE(map.find(0, value));
+    for (unsigned long key : {16, 32, 48, 64}) {
+        EXPECT_TRUE(map.find(key, value));
+        EXPECT_EQ(value, key + 1);
+    }
+    // Erasing the last chained entry clears the chained bit.
+    EXPECT_TRUE(map.erase(48));
+    EXPECT_EQ(count(map.bucketWord(0)), 3u);
+    EXPECT_FALSE(chained(map.bucketWord(0)));
+    EXPECT_EQ(map.freeNodeCount(), freeBefore + 2);
+
+    // Without a chain the last slot fills the hole.
+    EXPECT_TRUE(map.erase(64));
+    EXPECT_EQ(count(map.bucketWord(0)), 2u);
+    EXPECT_TRUE(map.erase(32));
+    EXPECT_EQ(count(map.bucketWord(0)), 1u);
+    EXPECT_TRUE(map.find(16, value));
+    EXPECT_EQ(value, 17u);
+    EXPECT_EQ(map.size(), 2u);  // 5 and 16
+}
+
+// Bucket 0 is full with every node in use and bucket 1 has three entries;
+// two threads insert into both at once. Both find no node, one doubles, the
+// other waits and retries.
+TEST(MpmcHashMap, TwoThreadsOutOfNodesGrowTheTableOnce) {
+    for (int round = 0; round < 20; ++round) {
+        word_map map;
+        for (unsigned long i = 0; i < 83; ++i) {
+            ASSERT_TRUE(map.insert(i * 16, i));
+        }
+        for (unsigned long key : {1, 17, 33}) {
+            ASSERT_TRUE(map.insert(key, key));
+        }
+        std::atomic<int> ready{0};
+        auto racer = [&](unsigned long key) {
+            ready.fetch_add(1);
+            while (ready.load() != 2) {
+            }
+            EXPECT_TRUE(map.insert(key, key));
+        };
+        std::thread a(racer, 83 * 16), b(racer, 49);
+        a.join();
+        b.join();
+        EXPECT_EQ(map.bucketCount(), 32u);
+        EXPECT_EQ(map.size(), 88u);
+        unsigned long value = 0;
+        EXPECT_TRUE(map.find(83 * 16, value));
+        EXPECT_TRUE(map.find(49, value));
+    }
+}
+
+TEST(MpmcHashMap, ClearAndShrinkReturnToTheInitialSize) {
+    word_map map;
+    for (unsigned long key = 0; key < 1000; ++key) {
+        map.insert(key, key);
+    }
+    const unsigned long grown = map.bucketCount();
+    EXPECT_GT(grown, 16u);
+    map.shrink();  // 1000 entries: nothing to gain
+    EXPECT_EQ(map.bucketCount(), grown);
+
+    for (unsigned long key = 10; key < 1000; ++key) {
+        ASSERT_TRUE(map.erase(key));
+    }
+    map.shrink();
+    EXPECT_EQ(map.bucketCount(), 16u);
+    unsigned long value = 0;
+    for (unsigned long key = 0; key < 10; ++key) {
+        EXPECT_TRUE(map.find(key, value));
+        EXPECT_EQ(value, key);
+    }
+
+    map.clear();
+    EXPECT_EQ(map.bucketCount(), 16u);
+    EXPECT_EQ(map.size(), 0u);
+    EXPECT_FALSE(map.find(3, value));
+    EXPECT_TRUE(map.insert(3, 4));
+    EXPECT_TRUE(map.find(3, value));
+    EXPECT_EQ(value, 4u);
+}
+
+// Tables are replaced thousands of times under readers: no reader may touch
+// a table after it is freed (which the sanitizers would report), and a value
+// found is always the one stored.
+TEST(MpmcHashMap, ReplacedTablesOutliveTheirReaders) {
+    word_map map;
+    std::atomic<bool> running{true};
+    auto reader = [&] {
+        unsigned long value = 0;
+        for (unsigned long key = 0; running.load(std::memory_order_relaxed);
+             key = (key + 1) % 300) {
+            if (map.find(key, value)) {
+                ASSERT_EQ(value, key);
+            }
+        }
+    };
+    std::thread readerA(reader), readerB(reader);
+    for (unsigned long round = 0; round < 20 * kScale; ++round) {
+        for (unsigned long key = 0; key < 300; ++key) {
+            map.insert(key, key);  // grows 16 -> 128 buckets
+        }
+        map.clear();
+    }
+    running.store(false);
+    readerA.join();
+    readerB.join();
+}
+
+TEST(MpmcHashMap, StringMapCountsItsReferencesThroughGrowthAndClear) {
+    const long liveBefore = g_liveObjects.load();
+    {
+        string_map map;
+        counted first(1);
+        EXPECT_TRUE(map.insert("a", first));
+        EXPECT_EQ(first.references(), 2);
+        EXPECT_FALSE(map.insert("a", counted(2)));  // rejected copy not kept
+        counted out;
+        EXPECT_TRUE(map.find("a", out));
+        EXPECT_EQ(out.value(), 1u);
+        EXPECT_EQ(first.references(), 3);
+
+        for (unsigned long i = 0; i < 5000; ++i) {
+            map.insert("key-" + std::to_string(i), counted(i));
+        }
+        EXPECT_GT(map.bucketCount(), 1024u);
+        EXPECT_EQ(first.references(), 3);  // the old tables' copies are gone
+        EXPECT_TRUE(map.find("key-4321", out));
+        EXPECT_EQ(out.value(), 4321u);
+        EXPECT_FALSE(map.find("key-5000", out));
+        EXPECT_EQ(out.value(), 4321u);  // a miss leaves `out` alone
+
+        map.clear();
+        EXPECT_EQ(map.bucketCount(), 1024u);
+        EXPECT_EQ(first.references(), 1);
+        EXPECT_EQ(g_liveObjects.load(), liveBefore + 2);  // `first` and `out`
+        map.insert("b", counted(7));
+    }
+    EXPECT_EQ(g_liveObjects.load(), liveBefore);  // the destructor released "b"
+}
+
+// --- Stress: concurrent writers and readers through many growths ---------
+
+unsigned long scramble(unsigned long x) {  // a bijection, so keys stay distinct
+    x += 0x9e3779b97f4a7c15ul;
+    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ul;
+    x = (x ^ (x >> 27)) * 0x94d049bb133111ebul;
+    return x ^ (x >> 31);
+}
+
+// Key and value of entry `id`; every value names its id.
+struct word_entries {
+    using map = word_map;
+    static constexpr bool erases = true;
+    static unsigned long key(unsigned long id) { return scramble(id); }
+    static unsigned long value(unsigned long id) { return id; }
+    static unsigned long idOf(unsigned long value) { return value; }
+};
+struct string_entries {  // the registry's kind of map, which has no erase
+    using map = string_map;
+    static constexpr bool erases = false;
+    static std::string key(unsigned long id) { return "pattern-" + std::to_string(id); }
+    static counted value(unsigned long id) { return counted(id); }
+    static unsigned long idOf(const counted& value) { return value.value(); }
+};
+
+struct stress_size {
+    unsigned long stableKeys, ownKeys, operations, minBuckets;
+};
+
+// Each thread owns a key range and keeps a model of it: since no one else
+// changes its keys, every insert, erase and find of its own keys must agree
+// with the model. Stable keys are present throughout, so no find of them may
+// miss. Keys of other threads, when found, must carry their own value. At
+// the end the map holds exactly what the models say.
+template <typename Entries>
+void stress(const stress_size& size) {
+    constexpr unsigned kThreads = 4;
+    typename Entries::map map;
+    for (unsigned long id = 0; id < size.stableKeys; ++id) {
+        map.insert(Entries::key(id), Entries::value(id));
+    }
+    auto ownId = [](unsigned t, unsigned long i) { return (t + 1ul) << 32 | i; };
+    std::vector<std::vector<char>> models(kThreads, std::vector<char>(size.ownKeys, 0));
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937_64 random(t);
+            std::vector<char>& model = models[t];
+            decltype(Entries::value(0)) out{};
+            for (unsigned long n = 0; n < size.operations; ++n) {
+                const unsigned long i = random() % size.ownKeys, id = ownId(t, i);
+                switch (random() % 5) {
+                    case 0:
+                        ASSERT_EQ(map.insert(Entries::key(id), Entries::value(id)), !model[i]);
+                        model[i] = 1;
+                        break;
+                    case 1:
+                        if constexpr (Entries::erases) {
+                            ASSERT_EQ(map.erase(Entries::key(id)), model[i] == 1);
+                            model[i] = 0;
+                            break;
+                        }
+                        [[fallthrough]];
+                    case 2:
+                        ASSERT_EQ(map.find(Entries::key(id), out), model[i] == 1);
+                        ASSERT_TRUE(!model[i] || Entries::idOf(out) == id);
+                        break;
+                    case 3: {
+                        const unsigned long stable = random() % size.stableKeys;
+                        ASSERT_TRUE(map.find(Entries::key(stable), out)) << "missed a stable key";
+                        ASSERT_EQ(Entries::idOf(out), stable);
+                        break;
+                    }
+                    default: {
+                        const unsigned long other = ownId(random() % kThreads, i);
+                        if (map.find(Entries::key(other), out)) {
+                            ASSERT_EQ(Entries::idOf(out), other);
+                        }
+                    }
+                }
+            }
+        });
+    }
+    // One more thread does nothing but look up stable keys, so that some
+    // reader is inside the old table whenever it is replaced.
+    std::atomic<bool> writing{true};
+    std::thread reader([&] {
+        decltype(Entries::value(0)) out{};
+        for (unsigned long id = 0; writing.load(std::memory_order_relaxed); ++id) {
+            ASSERT_TRUE(map.find(Entries::key(id % size.stableKeys), out));
+            ASSERT_EQ(Entries::idOf(out), id % size.stableKeys);
+        }
+    });
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    writing.store(false);
+    reader.join();
+    unsigned long expected = size.stableKeys;
+    decltype(Entries::value(0)) out{};
+    for (unsigned t = 0; t < kThreads; ++t) {
+        for (unsigned long i = 0; i < size.ownKeys; ++i) {
+            ASSERT_EQ(map.find(Entries::key(ownId(t, i)), out), models[t][i] == 1);
+            expected += models[t][i];
+        }
+    }
+    EXPECT_EQ(map.size(), expected);
+    EXPECT_GE(map.bucketCount(), size.minBuckets) << "too few growths to exercise the resize";
+}
+
+TEST(MpmcHashMap, StressWordMapAgreesWithASequentialModel) {
+    stress<word_entries>({500 * kScale, 1000 * kScale, 20000 * kScale, 16u << 5});
+}
+
+TEST(MpmcHashMap, StressStringMapAgreesWithASequentialModel) {
+    const long liveBefore = g_liveObjects.load();
+    stress<string_entries>({300 * kScale, 1500 * kScale, 6000 * kScale, 1024u << 1});
+    EXPECT_EQ(g_liveObjects.load(), liveBefore);  // every reference released exactly once
+}
+
+}  // namespace
