@@ -27,6 +27,7 @@
 #include <vlk/memory/mmap.hpp>
 #include <vlk/regex/jit_regex.hpp>
 #include <vlk/regex/regex.hpp>
+#include <vlk/regex/regex_manager.hpp>
 #include <vlk/system/abort.hpp>
 #include <vlk/system/clock.hpp>
 #include <vlk/system/convert.hpp>

@@ -6,6 +6,7 @@
 
 #include <vlk/catalogue/error_manager.hpp>
 #include <vlk/catalogue/report.hpp>
+#include <vlk/regex/regex_manager.hpp>
 
 namespace {
 
@@ -41,6 +42,7 @@ int main(int argc, char** argv) {
         printUsage(argc > 0 && argv[0] != nullptr ? argv[0] : "");
         std::exit(1);
     }
+    velk::velk_regex_manager::init();
     vlk::error_manager::init();
 
     std::string pattern(argv[1]);

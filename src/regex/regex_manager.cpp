@@ -1,0 +1,85 @@
+#include <vlk/regex/regex_manager.hpp>
+
+#include <vlk/containers/mpmc_hash_map.hpp>
+#include <vlk/system/init_once.hpp>
+
+namespace velk {
+namespace _velk_regex_manager_detail {
+
+class _velk_regex_manager_impl {
+  public:
+    // Gives the registry its own thread tracker.
+    struct unique {};
+
+    using registry = vlk::lockfree::mpmc_hash_map<
+        std::string, vlk::jit_regex_pointer, unique,
+        vlk::lockfree::mpmc_hash_map_constants<1024, 2, 8388608, true, false, false, false>>;
+
+    // Looks the pattern up and, on a miss, compiles it outside the map's
+    // read section and inserts it. When another thread stored the same text
+    // in between, its object wins and ours dies with the local reference:
+    // a pattern may be compiled twice but is stored once.
+    void* registerRegex(const std::string& pattern) {
+        for (;;) {
+            vlk::jit_regex_pointer found;
+            if (_regexes.find(pattern, found)) {
+                return found.get();  // the registry's reference keeps it alive
+            }
+            vlk::jit_regex_pointer compiled(new vlk::jit_regex(pattern));
+            if (compiled->_code == nullptr) {
+                return nullptr;  // not remembered: a later call compiles again
+            }
+            if (_regexes.insert(pattern, compiled)) {
+                return compiled.get();
+            }
+        }
+    }
+
+    std::uint64_t size() const { return _regexes.size(); }
+
+  private:
+    // Torn down with no other thread registering or matching, so the map's
+    // destructor drops every expression without a grace period; a clear()
+    // would wait on the map's thread tracker, whose statics may already be
+    // gone at exit.
+    registry _regexes;
+};
+
+// Built on first use, torn down by terminate() or at exit, after which the
+// next registration builds an empty one again.
+vlk::system::init_once<_velk_regex_manager_impl> g_manager;
+
+}  // namespace _velk_regex_manager_detail
+
+using _velk_regex_manager_detail::g_manager;
+
+void velk_regex_manager::init() {
+    g_manager.init();
+}
+
+void velk_regex_manager::terminate() {
+    g_manager.shutdown();
+}
+
+void velk_regex_manager::threadTerminate() {
+    void*& stack = _velk_regex_manager_detail::_jitStack;
+    if (stack != nullptr) {
+        vlk::jit_regex::deallocateJitStack(stack);
+        stack = nullptr;
+    }
+}
+
+void* velk_regex_manager::registerRegex(const std::string& pattern) {
+    return g_manager.init()->registerRegex(pattern);
+}
+
+void* velk_regex_manager::registerRegex(const vlk::base::cstring& pattern) {
+    return registerRegex(std::string(pattern.view()));
+}
+
+std::uint64_t velk_regex_manager::registeredCount() {
+    const auto* manager = g_manager.get();
+    return manager == nullptr ? 0 : manager->size();
+}
+
+}  // namespace velk

@@ -1,0 +1,125 @@
+#include <vlk/regex/regex_manager.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using velk::velk_regex_manager;
+namespace detail = velk::_velk_regex_manager_detail;
+
+TEST(RegexManager, TerminateBeforeInitDoesNothing) {
+    velk_regex_manager::terminate();
+    EXPECT_EQ(velk_regex_manager::registeredCount(), 0u);
+    EXPECT_NE(velk_regex_manager::registerRegex("^x"), nullptr);  // builds it on demand
+    velk_regex_manager::terminate();
+}
+
+TEST(RegexManager, OneHandlePerPatternText) {
+    velk_regex_manager::init();
+    void* first = velk_regex_manager::registerRegex("^01-00");
+    ASSERT_NE(first, nullptr);
+    std::uint64_t count = velk_regex_manager::registeredCount();
+    EXPECT_EQ(velk_regex_manager::registerRegex(std::string("^01-00")), first);
+    EXPECT_EQ(velk_regex_manager::registerRegex(vlk::base::cstring{"^01-00", 6}), first);
+    EXPECT_EQ(velk_regex_manager::registeredCount(), count);  // not compiled again
+
+    // No normalisation: case and blanks make other entries.
+    void* upper = velk_regex_manager::registerRegex("^01-00 ");
+    EXPECT_NE(upper, first);
+    EXPECT_NE(velk_regex_manager::registerRegex("^0A-00"),
+              velk_regex_manager::registerRegex("^0a-00"));
+
+    // An invalid pattern is null each time and never stored.
+    count = velk_regex_manager::registeredCount();
+    EXPECT_EQ(velk_regex_manager::registerRegex("(unclosed"), nullptr);
+    EXPECT_EQ(velk_regex_manager::registerRegex("(unclosed"), nullptr);
+    EXPECT_EQ(velk_regex_manager::registeredCount(), count);
+
+    velk_regex_manager::shutdown();  // changes nothing
+    EXPECT_TRUE(velk_regex_manager::isMatch(first, "01-0042", 7));
+    EXPECT_FALSE(velk_regex_manager::isMatch(first, "02-0042", 7));
+}
+
+TEST(RegexManager, MatchingOnHandles) {
+    std::thread fresh([] {
+        int ovector[30];
+        EXPECT_FALSE(velk_regex_manager::isMatch(nullptr, "abc", 3));
+        EXPECT_EQ(velk_regex_manager::match(nullptr, "abc", 3, ovector, 30), -1);
+        EXPECT_EQ(detail::_jitStack, nullptr);  // a null handle makes no stack
+
+        void* digits = velk_regex_manager::registerRegex("([0-9]+)-([0-9]+)");
+        ASSERT_NE(digits, nullptr);
+        EXPECT_EQ(velk_regex_manager::match(digits, "id 12-345", 9, ovector, 30), 3);
+        EXPECT_EQ(ovector[2], 3);
+        EXPECT_EQ(ovector[5], 9);
+        EXPECT_EQ(velk_regex_manager::match(digits, "1-2 and 33-44", 13, 4, ovector, 30), 3);
+        EXPECT_EQ(ovector[0], 8);
+        EXPECT_NE(detail::_jitStack, nullptr);
+        velk_regex_manager::threadTerminate();
+        EXPECT_EQ(detail::_jitStack, nullptr);
+    });
+    fresh.join();
+
+    // Twenty groups overflow isMatch's 16-int vector; PCRE's 0 still matches.
+    std::string manyGroups;
+    for (int i = 0; i < 20; ++i) {
+        manyGroups += "(a)";
+    }
+    void* many = velk_regex_manager::registerRegex(manyGroups);
+    EXPECT_TRUE(velk_regex_manager::isMatch(many, std::string(20, 'a').c_str(), 20));
+    EXPECT_FALSE(velk_regex_manager::isMatch(many, "aaa", 3));
+}
+
+TEST(RegexManager, LazyFormsCacheTheHandleInTheCallersSlot) {
+    void* slot = nullptr;
+    vlk::base::cstring text{"01-0001", 7};
+    EXPECT_TRUE(velk_regex_manager::isMatch(text, vlk::base::cstring{"-000", 4}, slot));
+    ASSERT_NE(slot, nullptr);
+    EXPECT_EQ(slot, velk_regex_manager::registerRegex("-000"));
+    // The cached slot wins over the pattern, which is not looked at again.
+    EXPECT_TRUE(velk_regex_manager::isMatch(text, vlk::base::cstring{"zzz", 3}, slot));
+
+    void* invalid = nullptr;
+    vlk::base::cstring32 text32{"abc", 3};
+    EXPECT_FALSE(velk_regex_manager::isMatch(text32, vlk::base::cstring32{"[", 1}, invalid));
+    EXPECT_EQ(invalid, nullptr);
+    void* slot32 = nullptr;
+    EXPECT_TRUE(velk_regex_manager::isMatch(text32, vlk::base::cstring32{"b", 1}, slot32));
+}
+
+TEST(RegexManager, RacingRegistrationsShareOneHandle) {
+    constexpr int kThreads = 8, kPatterns = 200;
+    std::vector<std::vector<void*>> seen(kThreads, std::vector<void*>(kPatterns));
+    std::uint64_t before = velk_regex_manager::registeredCount();
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            ready.fetch_add(1);
+            while (ready.load() < kThreads) {
+            }
+            for (int p = 0; p < kPatterns; ++p) {
+                seen[t][p] = velk_regex_manager::registerRegex("race-" + std::to_string(p));
+                EXPECT_TRUE(velk_regex_manager::isMatch(seen[t][p], "a race-1 b", 10) == (p == 1));
+            }
+            velk_regex_manager::threadTerminate();
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (int p = 0; p < kPatterns; ++p) {
+        ASSERT_NE(seen[0][p], nullptr);
+        for (int t = 1; t < kThreads; ++t) {
+            EXPECT_EQ(seen[t][p], seen[0][p]) << p;
+        }
+    }
+    EXPECT_EQ(velk_regex_manager::registeredCount(), before + kPatterns);
+}
+
+}  // namespace
