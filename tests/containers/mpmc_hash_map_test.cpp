@@ -1,3 +1,4 @@
+#include <vlk/containers/intrusive_pointer.hpp>
 #include <vlk/containers/mpmc_hash_map.hpp>
 
 #include <gtest/gtest.h>
@@ -37,44 +38,28 @@ constexpr bool chained(std::uint64_t word) {
     return (word & word_map::chained_bit) != 0;
 }
 
-// A counted pointer of the kind the string registry stores: copying counts
-// the new reference before the old one is dropped.
+// The registry's value type: the toolkit's intrusive pointer, whose copy
+// counts the new reference before the old one is dropped.
 std::atomic<long> g_liveObjects{0};
 
-class counted {
+struct counted_object {
+    explicit counted_object(unsigned long v) : value(v) { ++g_liveObjects; }
+    ~counted_object() { --g_liveObjects; }
+
+    std::atomic<std::int32_t> _refCount{0};
+    unsigned long value;
+};
+
+using counted_traits =
+    vlk::base::intrusive_pointer_traits<counted_object, vlk::base::default_ip_release_policy>;
+
+class counted : public vlk::base::intrusive_pointer<counted_object, counted_traits> {
   public:
     counted() = default;
-    explicit counted(unsigned long value) : _object(new object{{1}, value}) { ++g_liveObjects; }
-    counted(const counted& other) : _object(other.retain()) {}
-    counted& operator=(const counted& other) {
-        object* kept = other.retain();
-        release();
-        _object = kept;
-        return *this;
-    }
-    ~counted() { release(); }
+    explicit counted(unsigned long value) : intrusive_pointer(new counted_object(value)) {}
 
-    unsigned long value() const { return _object != nullptr ? _object->value : ~0ul; }
-    long references() const { return _object->references.load(); }
-
-  private:
-    struct object {
-        std::atomic<long> references;
-        unsigned long value;
-    };
-    object* retain() const {
-        if (_object != nullptr) {
-            ++_object->references;
-        }
-        return _object;
-    }
-    void release() {
-        if (_object != nullptr && --_object->references == 0) {
-            delete _object;
-            --g_liveObjects;
-        }
-    }
-    object* _object = nullptr;
+    unsigned long value() const { return get() != nullptr ? get()->value : ~0ul; }
+    long references() const { return counted_traits::references(get()); }
 };
 
 struct string_tag {};
