@@ -23,6 +23,7 @@
 #include <vlk/containers/spin_lock.hpp>
 #include <vlk/containers/thread_tracker.hpp>
 #include <vlk/containers/worklist.hpp>
+#include <vlk/logging/console_logger.hpp>
 #include <vlk/logging/target.hpp>
 #include <vlk/memory/allocate.hpp>
 #include <vlk/memory/mmap.hpp>
