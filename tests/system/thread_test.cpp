@@ -47,7 +47,6 @@ class Thread : public ::testing::Test {
 TEST_F(Thread, StartReturnsRunningWithTidAndSelfAndRefusesASecondStart) {
     vlk::thread none;
     EXPECT_FALSE(none.start());
-    none.join();  // idle: returns at once
 
     pid_t seenTid = 0;
     pthread_t seenSelf{};
@@ -61,7 +60,6 @@ TEST_F(Thread, StartReturnsRunningWithTidAndSelfAndRefusesASecondStart) {
     // The body is still blocked: start itself waited for the thread to report.
     EXPECT_TRUE(thread.isRunning());
     EXPECT_NE(thread.tid(), 0);
-    EXPECT_NE(thread.tid(), vlk::system::threadId());
     EXPECT_FALSE(thread.start());
     EXPECT_FALSE(thread.start([&] { replacementRuns.fetch_add(1); }, 0));
     release = true;
@@ -76,10 +74,6 @@ TEST_F(Thread, StartReturnsRunningWithTidAndSelfAndRefusesASecondStart) {
     thread.join();
     EXPECT_EQ(replacementRuns.load(), 1);
     EXPECT_EQ(terminated.load(), 2);
-
-    vlk::thread moved(std::move(thread));
-    EXPECT_EQ(thread.tid(), 0);
-    EXPECT_FALSE(thread.start());
 }
 
 TEST_F(Thread, JoinersWaitForTheEndAndDetachedThreadsStayRunning) {
