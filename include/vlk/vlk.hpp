@@ -43,3 +43,4 @@
 #include <vlk/system/link_wrappers.hpp>
 #include <vlk/system/memory_info.hpp>
 #include <vlk/system/string_utils.hpp>
+#include <vlk/system/thread.hpp>

@@ -1,0 +1,278 @@
+#include <vlk/system/thread.hpp>
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <vlk/catalogue/errors.hpp>
+#include <vlk/system/exception.hpp>
+#include <vlk/system/host.hpp>
+
+namespace {
+
+// Yields until `done()`; bounded so that a fault fails instead of hanging.
+template <typename Predicate>
+bool eventually(Predicate done) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!done() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::yield();
+    }
+    return done();
+}
+
+// Counts the terminate function's calls; cleared after every test so that
+// no function capturing a finished fixture stays behind.
+class Thread : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        vlk::system::thread::setThreadTerminateFunction([this] { terminated.fetch_add(1); });
+    }
+    void TearDown() override { vlk::system::thread::setThreadTerminateFunction({}); }
+
+    std::atomic<int> terminated{0};
+    std::atomic<bool> release{false};
+    std::function<void()> blockUntilReleased = [this] {
+        eventually([this] { return release.load(); });
+    };
+};
+
+TEST_F(Thread, StartReturnsRunningWithTidAndSelfAndRefusesASecondStart) {
+    vlk::thread none;
+    EXPECT_FALSE(none.start());
+
+    pid_t seenTid = 0;
+    pthread_t seenSelf{};
+    std::atomic<int> replacementRuns{0};
+    vlk::thread thread([&] {
+        seenTid = vlk::system::threadId();
+        seenSelf = pthread_self();
+        blockUntilReleased();
+    });
+    ASSERT_TRUE(thread.start());
+    // The body is still blocked: start itself waited for the thread to report.
+    EXPECT_TRUE(thread.isRunning());
+    EXPECT_NE(thread.tid(), 0);
+    EXPECT_FALSE(thread.start());
+    EXPECT_FALSE(thread.start([&] { replacementRuns.fetch_add(1); }, 0));
+    release = true;
+    thread.join();
+    EXPECT_EQ(thread.tid(), seenTid);
+    EXPECT_NE(pthread_equal(thread.self(), seenSelf), 0);
+    EXPECT_EQ(replacementRuns.load(), 0);
+
+    // Joined, it starts again with the body the refused call installed.
+    ASSERT_TRUE(thread.start());
+    thread.join();
+    thread.join();
+    EXPECT_EQ(replacementRuns.load(), 1);
+    EXPECT_EQ(terminated.load(), 2);
+}
+
+TEST_F(Thread, JoinersWaitForTheEndAndDetachedThreadsStayRunning) {
+    vlk::thread thread(blockUntilReleased);
+    ASSERT_TRUE(thread.start());
+    std::atomic<int> joined{0};
+    std::vector<std::thread> joiners;
+    for (int i = 0; i < 3; ++i) {
+        joiners.emplace_back([copy = thread, &joined]() mutable {
+            copy.join();
+            joined.fetch_add(1);
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(joined.load(), 0);
+    release = true;
+    for (auto& joiner : joiners) {
+        joiner.join();
+    }
+    EXPECT_EQ(joined.load(), 3);
+    EXPECT_FALSE(thread.isRunning());
+
+    // A returned body leaves the thread running until it is joined...
+    ASSERT_TRUE(thread.start());
+    ASSERT_TRUE(eventually([&] { return terminated.load() == 2; }));
+    EXPECT_TRUE(thread.isRunning());
+    thread.join();
+    EXPECT_FALSE(thread.isRunning());
+
+    // ...and a detached one for ever, and join no longer waits for it.
+    release = false;
+    ASSERT_TRUE(thread.start());
+    thread.detach();
+    thread.join();
+    EXPECT_EQ(terminated.load(), 2);  // the body is still blocked
+    release = true;
+    ASSERT_TRUE(eventually([&] { return terminated.load() == 3; }));
+    EXPECT_TRUE(thread.isRunning());
+    EXPECT_FALSE(thread.start());
+    // Nothing tells when a detached thread has left its object for good.
+    static vlk::thread keepAlive;
+    keepAlive = thread;
+}
+
+std::atomic<std::uintptr_t> g_handlerFrame{0};
+void recordFrame(int) {
+    g_handlerFrame = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
+}
+
+TEST_F(Thread, EachThreadHandlesSignalsOnItsOwnAlternateStack) {
+    struct sigaction action {};
+    struct sigaction previous {};
+    action.sa_handler = recordFrame;
+    action.sa_flags = SA_ONSTACK;
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+    stack_t stacks[2]{};
+    std::uintptr_t frames[2]{};
+    vlk::thread threads[2];  // both alive, so their stacks cannot coincide
+    for (int i = 0; i < 2; ++i) {
+        auto probe = [&, i] {
+            sigaltstack(nullptr, &stacks[i]);
+            raise(SIGUSR1);
+            frames[i] = g_handlerFrame.load();
+        };
+        ASSERT_TRUE(threads[i].start(probe, 0));
+        threads[i].join();
+        EXPECT_EQ(stacks[i].ss_flags & SS_DISABLE, 0);
+        EXPECT_EQ(stacks[i].ss_size, vlk::thread_impl::alternate_stack_size);
+        auto base = reinterpret_cast<std::uintptr_t>(stacks[i].ss_sp);
+        EXPECT_TRUE(frames[i] > base && frames[i] <= base + stacks[i].ss_size);
+    }
+    sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_NE(stacks[0].ss_sp, stacks[1].ss_sp);
+
+    // run() on an idle object skips the body, still ends through the
+    // terminate function and gives the caller its own signal stack back.
+    stack_t before{}, after{};
+    sigaltstack(nullptr, &before);
+    vlk::thread_impl impl([] { ADD_FAILURE() << "an idle object's body ran"; });
+    impl.run();
+    sigaltstack(nullptr, &after);
+    EXPECT_EQ(after.ss_sp, before.ss_sp);
+    EXPECT_EQ(after.ss_flags, before.ss_flags);
+    EXPECT_EQ(terminated.load(), 3);
+}
+
+std::uint64_t stackOfAThreadStartedWith(std::uint64_t requested) {
+    std::size_t size = 0;
+    vlk::thread thread;
+    thread.start(
+        [&size] {
+            pthread_attr_t attributes;
+            pthread_getattr_np(pthread_self(), &attributes);
+            pthread_attr_getstacksize(&attributes, &size);
+            pthread_attr_destroy(&attributes);
+        },
+        requested);
+    thread.join();
+    return size;
+}
+
+TEST_F(Thread, StackSizeIsRaisedToTheMinimumAndZeroMeansTheDefault) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer enlarges small thread stacks";
+#endif
+    // The libc hands a freed stack to a later thread that asks for up to
+    // four times less; falling sizes five times apart get fresh stacks each.
+    namespace settings = vlk::system::thread;
+    ASSERT_EQ(settings::defaultStackSize(), 0U);
+    const std::uint64_t systemDefault = vlk::thread::getstacksize();
+    EXPECT_EQ(stackOfAThreadStartedWith(0), systemDefault);
+    EXPECT_EQ(stackOfAThreadStartedWith(400 * 1024), 400U * 1024);
+    // A default size stands in for 0 and reaches threads made elsewhere too.
+    settings::defaultStackSize(80 * 1024);
+    EXPECT_EQ(settings::defaultStackSize(), 80U * 1024);
+    EXPECT_EQ(vlk::thread::getstacksize(), 80U * 1024);
+    EXPECT_EQ(stackOfAThreadStartedWith(0), 80U * 1024);
+    EXPECT_EQ(stackOfAThreadStartedWith(100), vlk::thread_impl::minimum_stack_size);
+    settings::defaultStackSize(systemDefault);
+    settings::defaultStackSize(0);  // the libc keeps its default
+    EXPECT_EQ(vlk::thread::getstacksize(), systemDefault);
+}
+
+TEST_F(Thread, FailedCreateThrowsAndLeavesTheObjectStartable) {
+    pthread_attr_t huge;
+    pthread_attr_init(&huge);
+    pthread_attr_setstacksize(&huge, std::size_t{1} << 47);  // the whole address space
+    vlk::thread thread([] {});
+    try {
+        thread.start(huge);
+        ADD_FAILURE() << "start with an impossible stack succeeded";
+    } catch (const vlk::exception& error) {
+        EXPECT_EQ(error.why().rfind("thread_impl::start - pthread_create failed: ", 0), 0U);
+    }
+    pthread_attr_destroy(&huge);
+    EXPECT_FALSE(thread.isRunning());
+    EXPECT_TRUE(thread.start());
+    thread.join();
+    EXPECT_EQ(terminated.load(), 1);
+}
+
+// What a thread writes to fd 2, caught in an anonymous file.
+std::string stderrOf(const std::function<void()>& body) {
+    int file = memfd_create("stderr", 0), saved = dup(STDERR_FILENO);
+    dup2(file, STDERR_FILENO);
+    vlk::thread thread(body);
+    EXPECT_TRUE(thread.start());
+    thread.join();
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    std::string text(4096, '\0');
+    ssize_t length = pread(file, text.data(), text.size(), 0);
+    close(file);
+    text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    return text;
+}
+
+TEST_F(Thread, EscapedExceptionIsReportedOnceAndTheThreadStillTerminates) {
+    const std::string row = "An VELK created thread encountered an unexpected exception: ";
+    ASSERT_EQ(vlk::errors::E300004.fragments[0], row);
+    const std::string withNul("half\0hidden", 11);  // why() keeps it whole, what() not
+    const struct {
+        std::function<void()> body;
+        std::string expected;
+    } cases[] = {
+        {[] { throw std::runtime_error("disk on fire"); }, row + "disk on fire\n"},
+        {[&] { throw vlk::exception(withNul); }, row + withNul + "\n"},
+        {[] { throw vlk::string_convert_detail::parse_exception("bad"); }, row + "bad\n"},
+        {[] { throw 42; }, row + "unknown\n"},
+        {[] { pthread_exit(nullptr); }, ""},  // unwinds on, without a report
+    };
+    int expectedTerminations = 0;
+    for (const auto& c : cases) {
+        EXPECT_EQ(stderrOf(c.body), c.expected);
+        EXPECT_EQ(terminated.load(), ++expectedTerminations) << c.expected;
+    }
+}
+
+TEST_F(Thread, ManyStartsAndJoinsRunEveryBodyOnItsOwnThread) {
+    constexpr int kRounds = 200;
+    std::atomic<int> runs{0}, onCaller{0};
+    const pid_t caller = vlk::system::threadId();
+    auto body = [&] {
+        runs.fetch_add(1);
+        onCaller.fetch_add(vlk::system::threadId() == caller);
+    };
+    vlk::thread reused(body);
+    for (int i = 0; i < kRounds; ++i) {
+        vlk::thread fresh(body);
+        ASSERT_TRUE(fresh.start());
+        ASSERT_TRUE(reused.start());
+        vlk::thread copy = fresh;  // the copy keeps the object alive
+        fresh = vlk::thread();
+        copy.join();
+        reused.join();
+    }
+    EXPECT_EQ(runs.load(), 2 * kRounds);
+    EXPECT_EQ(terminated.load(), 2 * kRounds);
+    EXPECT_EQ(onCaller.load(), 0);
+}
+
+}  // namespace
