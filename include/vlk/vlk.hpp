@@ -23,6 +23,7 @@
 #include <vlk/containers/spin_lock.hpp>
 #include <vlk/containers/thread_tracker.hpp>
 #include <vlk/containers/worklist.hpp>
+#include <vlk/logging/iso_timestamp.hpp>
 #include <vlk/memory/allocate.hpp>
 #include <vlk/memory/mmap.hpp>
 #include <vlk/regex/jit_regex.hpp>
