@@ -6,8 +6,9 @@
 #   --fuzz   clang with libFuzzer, for fuzz/ (scripts/fuzz.sh)
 set -euo pipefail
 
+# tzdata: the timestamp tests format local time in named zones.
 packages=(build-essential cmake pkg-config libpcre3-dev zlib1g-dev
-          libgtest-dev libgmock-dev python3 binutils)
+          libgtest-dev libgmock-dev python3 binutils tzdata)
 for group in "$@"; do
   case "$group" in
     --bench) packages+=(libbenchmark-dev libfmt-dev libconcurrentqueue-dev
