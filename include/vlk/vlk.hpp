@@ -24,7 +24,9 @@
 #include <vlk/containers/thread_tracker.hpp>
 #include <vlk/containers/worklist.hpp>
 #include <vlk/memory/allocate.hpp>
+#include <vlk/memory/log_stream_allocator.hpp>
 #include <vlk/memory/mmap.hpp>
+#include <vlk/memory/mpsc_slab_allocator.hpp>
 #include <vlk/regex/jit_regex.hpp>
 #include <vlk/regex/regex.hpp>
 #include <vlk/regex/regex_manager.hpp>
