@@ -12,7 +12,8 @@ packages=(build-essential cmake pkg-config libpcre3-dev zlib1g-dev
 for group in "$@"; do
   case "$group" in
     --bench) packages+=(libbenchmark-dev libfmt-dev libconcurrentqueue-dev
-                         libxenium-dev libtbb-dev libcuckoo-dev) ;;
+                         libxenium-dev libtbb-dev libcuckoo-dev
+                         libjemalloc-dev libmimalloc-dev) ;;
     --fuzz) packages+=(clang libclang-rt-14-dev) ;;
     *) echo "usage: scripts/install-deps.sh [--bench] [--fuzz]" >&2; exit 2 ;;
   esac

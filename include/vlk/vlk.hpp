@@ -27,7 +27,9 @@
 #include <vlk/logging/iso_timestamp.hpp>
 #include <vlk/logging/target.hpp>
 #include <vlk/memory/allocate.hpp>
+#include <vlk/memory/log_stream_allocator.hpp>
 #include <vlk/memory/mmap.hpp>
+#include <vlk/memory/mpsc_slab_allocator.hpp>
 #include <vlk/regex/jit_regex.hpp>
 #include <vlk/regex/regex.hpp>
 #include <vlk/regex/regex_manager.hpp>

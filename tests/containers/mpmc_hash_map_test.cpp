@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <random>
 #include <string>
@@ -141,6 +142,23 @@ TEST(MpmcHashMap, InsertKeepsAPresentKeyAndEraseRefillsSlots) {
     EXPECT_TRUE(map.find(16, value));
     EXPECT_EQ(value, 17u);
     EXPECT_EQ(map.size(), 2u);  // 5 and 16
+}
+
+// forEach visits inline slots and chained nodes once each, and skips erased
+// entries.
+TEST(MpmcHashMap, ForEachVisitsEveryLiveEntryOnce) {
+    word_map map;
+    for (unsigned long key : {0, 16, 32, 48, 64, 3, 7}) {  // 48 and 64 chained
+        ASSERT_TRUE(map.insert(key, key * 10));
+    }
+    ASSERT_TRUE(map.erase(16));
+    std::vector<unsigned long> keys;
+    map.forEach([&](unsigned long key, unsigned long value) {
+        EXPECT_EQ(value, key * 10);
+        keys.push_back(key);
+    });
+    std::sort(keys.begin(), keys.end());
+    EXPECT_EQ(keys, (std::vector<unsigned long>{0, 3, 7, 32, 48, 64}));
 }
 
 // Bucket 0 is full with every node in use and bucket 1 has three entries;

@@ -394,6 +394,27 @@ class alignas(128) mpmc_hash_map {
         _resizing.store(0, std::memory_order_release);  // pairs as in clear()
     }
 
+    // Calls fn(key, value) for every entry of the current table. For
+    // owners tearing a map down: no insert, erase or resize may run at the
+    // same time (lookups may), so every slot below a bucket's count is live.
+    template <typename Fn>
+    void forEach(Fn&& fn) const {
+        // Acquire: pairs with the release publication of the table; the
+        // caller's own synchronisation with the last writer does the rest.
+        const table_type& table = *_table.load(std::memory_order_acquire);
+        for (std::uint64_t b = 0; b < table._bucketCount; ++b) {
+            const bucket_type& bucket = table._buckets[b];
+            const std::uint64_t word = bucket.word.load(std::memory_order_acquire);
+            for (unsigned i = 0; i < (word & count_mask); ++i) {
+                fn(bucket.keys[i].read(), bucket.values[i].read());
+            }
+            for (auto* node = bucket.overflow.load(std::memory_order_acquire); node != nullptr;
+                 node = node->next.load(std::memory_order_acquire)) {
+                fn(node->key.read(), node->value.read());
+            }
+        }
+    }
+
     // Entries, as counted after each change; may lag a change in progress.
     unsigned long size() const { return _count.load(std::memory_order_relaxed); }
 
