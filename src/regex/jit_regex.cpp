@@ -41,20 +41,10 @@ void jit_regex::init(const base::cstring& pattern) {
 }
 
 void jit_regex::_init(const char* pattern, unsigned long) {
-    const char* errorText = nullptr;
-    int errorOffset = 0;
-    _code = pcre_compile(pattern, 0, &errorText, &errorOffset, nullptr);
-    if (_code == nullptr) {
-        return;
-    }
-    _extra = pcre_study(_code, PCRE_STUDY_JIT_COMPILE, &errorText);
+    _regex_detail::compileAndStudy(pattern, PCRE_STUDY_JIT_COMPILE, _code, _extra);
     if (_extra == nullptr) {
         return;
     }
-    // Shared expressions run on subjects of any length; a pattern that
-    // backtracks that much is the caller's choice, not a reason to miss.
-    _extra->flags |= PCRE_EXTRA_MATCH_LIMIT;
-    _extra->match_limit = 4294967295UL;
     // Only the query's own success is looked at: when PCRE cannot answer it,
     // the matcher falls back to pcre_jit_exec. The answer in `value` is not
     // needed, since pcre_exec enters JIT code by itself when there is some.

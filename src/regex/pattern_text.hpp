@@ -1,8 +1,11 @@
-// Internal to the regex unit: NUL-terminated copies of pattern views.
+// Internal to the regex unit: NUL-terminated copies of pattern views, and the
+// compile-and-study steps both expression classes share.
 #pragma once
 
 #include <cstring>
 #include <memory>
+
+#include <pcre.h>
 
 #include <vlk/containers/cstring.hpp>
 
@@ -28,6 +31,28 @@ void withTerminatedCopy(const base::cstring& pattern, Compile compile) {
     }
     text[pattern.length] = '\0';
     compile(text, pattern.length);
+}
+
+// Compiles `pattern` with no option bits into `code` and studies it with
+// `studyOptions` into `extra`, lifting the match limit. Stops with `code`
+// null when the pattern does not compile, and with `extra` null when the
+// study gives nothing; error texts are dropped.
+inline void compileAndStudy(const char* pattern, int studyOptions, pcre*& code,
+                            pcre_extra*& extra) {
+    const char* errorText = nullptr;
+    int errorOffset = 0;
+    code = pcre_compile(pattern, 0, &errorText, &errorOffset, nullptr);
+    if (code == nullptr) {
+        return;
+    }
+    extra = pcre_study(code, studyOptions, &errorText);
+    if (extra == nullptr) {
+        return;
+    }
+    // Subjects are short identifiers or whatever a caller chose to match:
+    // PCRE's default backtracking limit would only cut real hits.
+    extra->flags |= PCRE_EXTRA_MATCH_LIMIT;
+    extra->match_limit = 4294967295UL;
 }
 
 }  // namespace vlk::_regex_detail

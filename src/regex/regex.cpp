@@ -35,20 +35,7 @@ void regex::init(const base::cstring& pattern) {
 }
 
 void regex::_init(const char* pattern, unsigned long) {
-    const char* errorText = nullptr;
-    int errorOffset = 0;
-    _code = pcre_compile(pattern, 0, &errorText, &errorOffset, nullptr);
-    if (_code == nullptr) {
-        return;
-    }
-    _extra = pcre_study(_code, 0, &errorText);
-    if (_extra == nullptr) {
-        return;
-    }
-    // Catalogue subjects are seven characters long: no pattern can run away
-    // on them, so PCRE's default backtracking limit would only cut real hits.
-    _extra->flags |= PCRE_EXTRA_MATCH_LIMIT;
-    _extra->match_limit = 4294967295UL;
+    _regex_detail::compileAndStudy(pattern, 0, _code, _extra);
 }
 
 }  // namespace vlk
