@@ -13,15 +13,6 @@ namespace {
 
 using namespace vlk::string_convert_detail;
 
-TEST(Exception, KeepsItsMessage) {
-    EXPECT_EQ(vlk::exception().why(), "");
-    const vlk::exception e("bad input");
-    EXPECT_EQ(e.why(), "bad input");
-    EXPECT_STREQ(e.what(), e.why().c_str());
-    EXPECT_EQ(vlk::exception(e).why(), "bad input");
-    EXPECT_STREQ(static_cast<const std::exception&>(overflow_exception("big")).what(), "big");
-}
-
 // Raises `original` through a base reference and checks what comes out.
 template <class Exception>
 void expectCloneAndRaiseKeepTheType(const Exception& original) {
@@ -31,6 +22,7 @@ void expectCloneAndRaiseKeepTheType(const Exception& original) {
     const vlk::exception& copied = *copy;
     EXPECT_EQ(typeid(copied), typeid(Exception));
     EXPECT_EQ(copy->why(), original.why());
+    EXPECT_STREQ(copy->what(), original.why().c_str());
     try {
         copy->raise();
     } catch (const Exception& caught) {
@@ -42,6 +34,7 @@ void expectCloneAndRaiseKeepTheType(const Exception& original) {
 }
 
 TEST(Exception, CloneAndRaiseKeepTheDynamicType) {
+    EXPECT_EQ(vlk::exception().why(), "");
     expectCloneAndRaiseKeepTheType(vlk::exception("base"));
     expectCloneAndRaiseKeepTheType(string_convert_exception("convert"));
     expectCloneAndRaiseKeepTheType(parse_exception("parse"));

@@ -25,7 +25,6 @@ namespace {
 // Volatile operands keep the compiler from folding or inlining the calls.
 volatile double g_two = 2.0;
 volatile double g_ten = 10.0;
-volatile double g_half = 0.5;
 volatile std::size_t g_textSize = 12;
 
 // Runs during static initialisation, in whatever order the units come.
@@ -119,23 +118,18 @@ TEST(LinkWrappers, ClockGettimeReadsClocksAndPassesErrors) {
     EXPECT_EQ(errno, EINVAL);
 }
 
-TEST(LinkWrappers, PowGivesExactPowersAndPassesErrors) {
+// The first call goes through the lookup, later ones straight to libm; both
+// give libm's result and its errno.
+TEST(LinkWrappers, PowAndLogGiveTheirResultsAndPassErrors) {
     EXPECT_EQ(__wrap_pow(g_two, g_ten), 1024.0);
-    EXPECT_EQ(pow(g_two, g_ten), 1024.0);
-    EXPECT_EQ(__wrap_pow(g_two, -g_ten), pow(g_two, -g_ten));
-    EXPECT_DOUBLE_EQ(pow(g_two, g_half), std::sqrt(2.0));
+    EXPECT_EQ(pow(g_two, -g_ten), 1.0 / 1024.0);
+    double first = __wrap_log(g_two);
+    EXPECT_EQ(log(g_two), first);
+    EXPECT_DOUBLE_EQ(first, M_LN2);
 
     errno = 0;
     EXPECT_TRUE(std::isinf(pow(0.0 * g_two, -g_two)));
     EXPECT_EQ(errno, ERANGE);
-}
-
-TEST(LinkWrappers, LogGivesNaturalLogarithmAndPassesErrors) {
-    double first = __wrap_log(g_two);
-    EXPECT_EQ(log(g_two), first);
-    EXPECT_DOUBLE_EQ(first, M_LN2);
-    EXPECT_DOUBLE_EQ(log(g_ten * g_ten) / log(g_ten), 2.0);
-
     errno = 0;
     EXPECT_TRUE(std::isnan(log(-g_two)));
     EXPECT_EQ(errno, EDOM);

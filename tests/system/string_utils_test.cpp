@@ -62,15 +62,6 @@ TEST(StringUtils, IsTrueIsFourCharactersBeginningWithT) {
     }
 }
 
-TEST(StringUtils, ConvertIntWritesTheDigitsAndCountsThem) {
-    for (const unsigned long value : {0ul, 7ul, 1234567890123ul, 18446744073709551615ul}) {
-        char buffer[vlk::fast_itoa::ltoa_room];
-        const std::string expected = std::to_string(value);
-        ASSERT_EQ(su::convertInt(buffer, value), expected.size());
-        EXPECT_EQ(std::string(buffer, expected.size()), expected);
-    }
-}
-
 TEST(StringUtils, SizeAsStringTruncatesInPowersOfAThousand) {
     const std::pair<unsigned long, const char*> cases[] = {{0, "0B"},
                                                            {1, "1B"},
@@ -88,11 +79,6 @@ TEST(StringUtils, SizeAsStringTruncatesInPowersOfAThousand) {
     for (const auto& [size, text] : cases) {
         EXPECT_EQ(su::sizeAsString(size), text) << size;
     }
-}
-
-TEST(StringUtils, ToUpperAndToLowerMapEveryByte) {
-    EXPECT_EQ(su::toUpper("aBc1-z\xe9"), "ABC1-Z\xe9");
-    EXPECT_EQ(su::toLower("aBc1-Z\xc9"), "abc1-z\xc9");
 }
 
 TEST(StringUtils, CompressEscapesRewritesInPlace) {
