@@ -114,6 +114,14 @@ class mpmc_queue {
         return true;
     }
 
+    // True when every completed put has been taken. A put still running is
+    // not counted; a caller that must see it asks again.
+    bool empty() const {
+        // Acquire: pairs with the release add of _putIndex in _put().
+        return _putIndex.load(std::memory_order_acquire) ==
+               _getIndex.load(std::memory_order_relaxed);
+    }
+
     // Drops every queued record, unmaps every block and resets the tickets.
     // No put or get may run meanwhile; that exclusion orders the relaxed
     // accesses here.
