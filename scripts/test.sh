@@ -48,10 +48,10 @@ ctest --test-dir build-asan -j2 --output-on-failure
 tsan_targets=(spin_lock_test mmap_test mpmc_queue_test shared_pointer_test intrusive_pointer_test
               worklist_test thread_tracker_test mpmc_hash_map_test jit_regex_test
               regex_manager_test thread_test iso_timestamp_test mpsc_slab_allocator_test
-              log_stream_allocator_test)
+              log_stream_allocator_test velk_logger_test)
 tsan_tests='^(SpinLock|AllocatorStats|MpmcQueue|MpmcQueueStress|SharedPointer|IntrusivePointer'
 tsan_tests+='|Worklist|ThreadTracker|MpmcHashMap|JitRegex|RegexManager|Thread|IsoTimestamp'
-tsan_tests+='|MpscSlabAllocator|MpscSlabAllocatorRace|LogStreamAllocator)[./]'
+tsan_tests+='|MpscSlabAllocator|MpscSlabAllocatorRace|LogStreamAllocator|Logger)[./]'
 
 stage "build build-tsan/ (thread): ${tsan_targets[*]}"
 cmake -S . -B build-tsan -DVLK_BUILD_TESTS=ON -DVLK_BUILD_BENCH=OFF -DVLK_WERROR=ON \

@@ -24,8 +24,12 @@
 #include <vlk/containers/thread_tracker.hpp>
 #include <vlk/containers/worklist.hpp>
 #include <vlk/logging/console_logger.hpp>
+#include <vlk/logging/error_stream.hpp>
 #include <vlk/logging/iso_timestamp.hpp>
+#include <vlk/logging/log_stream.hpp>
 #include <vlk/logging/target.hpp>
+#include <vlk/logging/target_config.hpp>
+#include <vlk/logging/velk_logger.hpp>
 #include <vlk/memory/allocate.hpp>
 #include <vlk/memory/log_stream_allocator.hpp>
 #include <vlk/memory/mmap.hpp>

@@ -15,42 +15,14 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 
 #include <vlk/catalogue/error_id.hpp>
 #include <vlk/catalogue/error_manager.hpp>
-#include <vlk/containers/shared_pointer.hpp>
+#include <vlk/logging/target_config.hpp>
+#include <vlk/logging/velk_logger.hpp>
 
 namespace vlk {
-
-// One configuration value; empty means "not given".
-class friendly_value {
-  public:
-    friendly_value() = default;
-    friendly_value(std::string text) : _text(std::move(text)) {}
-
-    // The value, or `fallback` when it is empty.
-    const std::string& valueOr(const std::string& fallback) const {
-        return _text.empty() ? fallback : _text;
-    }
-    const std::string& text() const { return _text; }
-
-  private:
-    std::string _text;
-};
-
-using target_config = std::map<std::string, friendly_value>;
-
-struct file_logging_info;
-struct console_logging_info;
-struct syslog_logging_info;
-
-class velk_logger {
-  public:
-    class logger;
-    using target_factory = base::shared_pointer<logger> (*)(target_config&);
-};
 
 // The base of every target.
 class velk_logger::logger {
