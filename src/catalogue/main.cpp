@@ -6,6 +6,7 @@
 
 #include <vlk/catalogue/error_manager.hpp>
 #include <vlk/catalogue/report.hpp>
+#include <vlk/logging/velk_logger.hpp>
 #include <vlk/regex/regex_manager.hpp>
 
 namespace {
@@ -42,6 +43,7 @@ int main(int argc, char** argv) {
         printUsage(argc > 0 && argv[0] != nullptr ? argv[0] : "");
         std::exit(1);
     }
+    vlk::velk_logger::init();
     velk::velk_regex_manager::init();
     vlk::error_manager::init();
 

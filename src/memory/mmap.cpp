@@ -13,6 +13,7 @@
 
 #include <vlk/catalogue/errors.hpp>
 #include <vlk/containers/mutex_lock.hpp>
+#include <vlk/logging/velk_logger.hpp>
 #include <vlk/memory/allocate.hpp>
 #include <vlk/system/abort.hpp>
 #include <vlk/system/clock.hpp>
@@ -82,38 +83,23 @@ std::string_view errnoText(int code, char (&buffer)[512]) {
     return {buffer, static_cast<std::size_t>(end - buffer)};
 }
 
-// Ends the process with row 00-0046: the error's text and the mapping counts.
-// Uses no heap, since the heap may be what cannot grow.
+// Ends the process with row 00-0046: the error's text and the mapping
+// counts, through the logger's abort.
 [[noreturn]] void abortOnMappingFailure(int code) {
-    const std::uint64_t mapped = mmap_stats::mappedCount();
-    const std::uint64_t unmapped = mmap_stats::unmappedCount();
-    const auto active = static_cast<std::int64_t>(mapped - unmapped);
+    const unsigned long mapped = mmap_stats::mappedCount();
+    const unsigned long unmapped = mmap_stats::unmappedCount();
+    const unsigned long active = mapped - unmapped;
     // errno as the failed mmap left it, whatever the clocks did since.
     errno = code;
     char textBuffer[512];
-    const std::string_view text = errnoText(code, textBuffer);
-
-    char buffer[1024];
-    char* end = buffer;
-    auto append = [&](std::string_view piece) {
-        const auto room = static_cast<std::size_t>(buffer + sizeof buffer - end);
-        end = std::copy_n(piece.data(), std::min(piece.size(), room), end);
-    };
-    auto appendNumber = [&](auto value) {
-        char digits[24];
-        append({digits, std::to_chars(digits, digits + sizeof digits, value).ptr});
-    };
-    const auto& fragments = errors::E000046.fragments;
-    append(fragments[0]);
-    append(text);
-    append(fragments[1]);
-    appendNumber(mapped);
-    append(fragments[2]);
-    appendNumber(unmapped);
-    append(fragments[3]);
-    appendNumber(active);
-    append(fragments[4]);
-    system::abortWithMessage({buffer, static_cast<std::size_t>(end - buffer)});
+    const std::string text(errnoText(code, textBuffer));
+    const auto& row = errors::E000046;
+    const auto& pieces = row.fragments;
+    velk_logger::abort(
+        velk_error_stream9<std::string, std::string, std::string, unsigned long, std::string,
+                           unsigned long, std::string, unsigned long, std::string>(
+            row, pieces[0], text, pieces[1], mapped, pieces[2], unmapped, pieces[3], active,
+            pieces[4]));
 }
 
 // An anonymous mapping that is retried for a second before the process ends.

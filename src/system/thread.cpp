@@ -5,7 +5,6 @@
 #include <linux/futex.h>
 #include <signal.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,6 +14,7 @@
 #include <string>
 
 #include <vlk/catalogue/errors.hpp>
+#include <vlk/logging/velk_logger.hpp>
 #include <vlk/system/exception.hpp>
 #include <vlk/system/host.hpp>
 
@@ -36,43 +36,7 @@ long futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value,
                      0);
 }
 
-// Writes every byte of the pieces, in as few system calls as the kernel
-// allows; gives up silently when standard error is gone.
-void writeAll(int fd, iovec* pieces, int count) {
-    while (count > 0) {
-        ssize_t written = ::writev(fd, pieces, count);
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            return;
-        }
-        auto left = static_cast<std::size_t>(written);
-        while (count > 0 && left >= pieces->iov_len) {
-            left -= pieces->iov_len;
-            ++pieces;
-            --count;
-        }
-        if (count > 0) {
-            pieces->iov_base = static_cast<char*>(pieces->iov_base) + left;
-            pieces->iov_len -= left;
-        }
-    }
-}
-
 }  // namespace
-
-// Until the logger can carry catalogue records, this is the one place that
-// emits them for threads: the row's text, `what` and a line feed go to the
-// standard error stream in one writev, without allocating, so that a failing
-// heap does not lose the report. The logger takes this function over.
-void reportEscapedException(std::string_view what) {
-    const std::string& prefix = vlk::errors::E300004.fragments[0];
-    iovec pieces[3] = {{const_cast<char*>(prefix.data()), prefix.size()},
-                       {const_cast<char*>(what.data()), what.size()},
-                       {const_cast<char*>("\n"), 1}};
-    writeAll(STDERR_FILENO, pieces, 3);
-}
 
 }  // namespace vlk::system::_thread_detail
 
@@ -137,11 +101,13 @@ class signal_stack_scope {
     stack_t _previous{};
 };
 
-// Reports an escaped exception; should the report itself throw, the
-// terminate function still runs before that exception goes on.
-void report(std::string_view what) {
+// Logs row 30-0004 with what escaped a body; should logging itself throw,
+// the terminate function still runs before that exception goes on.
+template <typename Value>
+void report(const Value& what) {
+    const auto& row = errors::E300004;
     try {
-        system::_thread_detail::reportEscapedException(what);
+        velk_logger::log(velk_error_stream2<std::string, Value>(row, row.fragments[0], what));
     } catch (...) {
         system::thread::thread_terminate();
         throw;
@@ -299,11 +265,13 @@ __attribute__((no_sanitize("null"))) void thread_impl::run() {
             system::thread::thread_terminate();
             throw;
         } catch (const vlk::exception& error) {
-            report(error.why());
+            report<std::string>(error.why());
         } catch (const std::exception& error) {
-            report(error.what());
+            const char* what = error.what();
+            report<const char*>(what);
         } catch (...) {
-            report("unknown");
+            static const char unknown[8] = "unknown";
+            report<char[8]>(unknown);
         }
     }
     system::thread::thread_terminate();

@@ -1,19 +1,18 @@
 // The one exit for an unrecoverable state.
 //
-// `abort(text)` reports "VELK encountered a fatal condition and is exiting:
-// <text>." and ends the process with status 255. `abortWithMessage(message)`
-// reports a message composed by the caller, such as the text of a fatal
-// catalogue row, the same way. Until fatal records can go through the logger,
-// both write the message and a line feed to the standard error stream. Neither
-// returns; both may be called from any thread, also before `main` and during
-// exit, and neither allocates.
+// `abort(message)` logs catalogue row 00-0041, "VELK encountered a fatal
+// condition and is exiting: <message>.", through the logger's abort: the
+// record goes out, the logging thread is given one pass, and the process
+// ends with status 255 (or abort() as VELK_ABORT chooses). Before the logger
+// is initialised the message goes to standard error instead. Never returns.
+// Once the logger is initialised, the end waits for a pass of its logging
+// thread: a process that never started it stays in that wait.
 #pragma once
 
-#include <string_view>
+#include <string>
 
 namespace vlk::system {
 
-[[noreturn]] void abort(std::string_view text);
-[[noreturn]] void abortWithMessage(std::string_view message);
+[[noreturn]] void abort(const std::string& message);
 
 }  // namespace vlk::system

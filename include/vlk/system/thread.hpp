@@ -30,7 +30,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <string_view>
 
 #include <vlk/containers/mutex_lock.hpp>
 
@@ -189,11 +188,3 @@ void setThreadTerminateFunction(std::function<void()> function);
 void thread_terminate();
 
 }  // namespace vlk::system::thread
-
-namespace vlk::system::_thread_detail {
-
-// Reports an exception that escaped a thread's body as one record of
-// catalogue row 30-0004 with `what` behind the row's text.
-void reportEscapedException(std::string_view what);
-
-}  // namespace vlk::system::_thread_detail
