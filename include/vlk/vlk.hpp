@@ -27,6 +27,7 @@
 #include <vlk/logging/error_stream.hpp>
 #include <vlk/logging/iso_timestamp.hpp>
 #include <vlk/logging/log_stream.hpp>
+#include <vlk/logging/syslog_logger.hpp>
 #include <vlk/logging/target.hpp>
 #include <vlk/logging/target_config.hpp>
 #include <vlk/logging/velk_logger.hpp>

@@ -15,6 +15,7 @@
 #include <vlk/catalogue/errors.hpp>
 #include <vlk/logging/console_logger.hpp>
 #include <vlk/logging/iso_timestamp.hpp>
+#include <vlk/logging/syslog_logger.hpp>
 #include <vlk/logging/target.hpp>
 #include <vlk/system/host.hpp>
 
@@ -80,6 +81,7 @@ void _velk_logger_impl::init() {
     _configuredLevels = 0;
     addTargetFactory("stdout", console_logger::factory);
     addTargetFactory("stderr", console_logger::factory);
+    addTargetFactory("syslog", syslog_logger::factory);
 }
 
 _velk_logger_impl::~_velk_logger_impl() {
