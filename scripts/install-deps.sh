@@ -14,7 +14,7 @@ for group in "$@"; do
   case "$group" in
     --bench) packages+=(libbenchmark-dev libfmt-dev libconcurrentqueue-dev
                          libxenium-dev libtbb-dev libcuckoo-dev
-                         libjemalloc-dev libmimalloc-dev) ;;
+                         libjemalloc-dev libmimalloc-dev libspdlog-dev) ;;
     --fuzz) packages+=(clang libclang-rt-14-dev) ;;
     *) echo "usage: scripts/install-deps.sh [--bench] [--fuzz]" >&2; exit 2 ;;
   esac
