@@ -25,6 +25,7 @@
 #include <vlk/containers/worklist.hpp>
 #include <vlk/logging/console_logger.hpp>
 #include <vlk/logging/file_logger.hpp>
+#include <vlk/logging/gzip_logger.hpp>
 #include <vlk/logging/iso_timestamp.hpp>
 #include <vlk/logging/target.hpp>
 #include <vlk/memory/allocate.hpp>
