@@ -25,6 +25,8 @@
 #include <vlk/containers/worklist.hpp>
 #include <vlk/logging/console_logger.hpp>
 #include <vlk/logging/error_stream.hpp>
+#include <vlk/logging/file_logger.hpp>
+#include <vlk/logging/gzip_logger.hpp>
 #include <vlk/logging/iso_timestamp.hpp>
 #include <vlk/logging/log_stream.hpp>
 #include <vlk/logging/syslog_logger.hpp>

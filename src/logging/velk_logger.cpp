@@ -14,6 +14,8 @@
 
 #include <vlk/catalogue/errors.hpp>
 #include <vlk/logging/console_logger.hpp>
+#include <vlk/logging/file_logger.hpp>
+#include <vlk/logging/gzip_logger.hpp>
 #include <vlk/logging/iso_timestamp.hpp>
 #include <vlk/logging/syslog_logger.hpp>
 #include <vlk/logging/target.hpp>
@@ -79,6 +81,8 @@ void _velk_logger_impl::init() {
     _flushGeneration.store(0, std::memory_order_relaxed);
     _activeLevels.store(0xFF, std::memory_order_relaxed);
     _configuredLevels = 0;
+    addTargetFactory("file", file_logger::factory);
+    addTargetFactory("gzip", gzip_logger::factory);
     addTargetFactory("stdout", console_logger::factory);
     addTargetFactory("stderr", console_logger::factory);
     addTargetFactory("syslog", syslog_logger::factory);

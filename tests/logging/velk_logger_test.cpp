@@ -181,6 +181,9 @@ TEST_F(Logger, FilterDecidesBeforeFormattingAndEachTargetFiltersForItself) {
 }
 
 TEST_F(Logger, WithoutTargetsNothingIsActiveAndOnlyIncludedRowsPass) {
+    auto* built = velk_logger::_implementation();
+    velk_logger::init();  // again: nothing changes
+    EXPECT_EQ(velk_logger::_implementation(), built);
     EXPECT_FALSE(velk_logger::isFatalError(infoRow));
     addCaptureTarget(config({{"IncludeErrors", "00-0002"}, {"FatalErrors", "00-0034"}}));
     ASSERT_TRUE(velk_logger::start());

@@ -130,16 +130,23 @@ class velk_error_stream {
     std::tuple<typename _error_stream_detail::piece<Pieces>::stored...> _pieces;
 };
 
-// clang-format off
-template <typename... P> using velk_error_stream1 = velk_error_stream<P...>;
-template <typename... P> using velk_error_stream2 = velk_error_stream<P...>;
-template <typename... P> using velk_error_stream3 = velk_error_stream<P...>;
-template <typename... P> using velk_error_stream4 = velk_error_stream<P...>;
-template <typename... P> using velk_error_stream5 = velk_error_stream<P...>;
-template <typename... P> using velk_error_stream6 = velk_error_stream<P...>;
-template <typename... P> using velk_error_stream7 = velk_error_stream<P...>;
-template <typename... P> using velk_error_stream8 = velk_error_stream<P...>;
-template <typename... P> using velk_error_stream9 = velk_error_stream<P...>;
-// clang-format on
+template <typename... P>
+requires(sizeof...(P) == 1) using velk_error_stream1 = velk_error_stream<P...>;
+template <typename... P>
+requires(sizeof...(P) == 2) using velk_error_stream2 = velk_error_stream<P...>;
+template <typename... P>
+requires(sizeof...(P) == 3) using velk_error_stream3 = velk_error_stream<P...>;
+template <typename... P>
+requires(sizeof...(P) == 4) using velk_error_stream4 = velk_error_stream<P...>;
+template <typename... P>
+requires(sizeof...(P) == 5) using velk_error_stream5 = velk_error_stream<P...>;
+template <typename... P>
+requires(sizeof...(P) == 6) using velk_error_stream6 = velk_error_stream<P...>;
+template <typename... P>
+requires(sizeof...(P) == 7) using velk_error_stream7 = velk_error_stream<P...>;
+template <typename... P>
+requires(sizeof...(P) == 8) using velk_error_stream8 = velk_error_stream<P...>;
+template <typename... P>
+requires(sizeof...(P) == 9) using velk_error_stream9 = velk_error_stream<P...>;
 
 }  // namespace vlk

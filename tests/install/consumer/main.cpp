@@ -1,5 +1,6 @@
 // Uses the installed toolkit as an outside program would: looks up row
 // 01-0001 and exits 0 only when exactly that row is found, with its texts.
+// Building a gzip target, which opens nothing, puts zlib into the link.
 #include <cstdio>
 #include <string>
 
@@ -7,6 +8,14 @@
 
 int main() {
     vlk::error_manager::init();
+
+    vlk::target_config gzip{{"FileName", {"unused.log.gz"}}};
+    vlk::file_logging_info gzipInfo;
+    if (!vlk::gzip_logger::factory(gzip)->getFileLoggerInfo(gzipInfo) ||
+        gzipInfo.fileNamePattern != "unused.log.gz") {
+        std::fprintf(stderr, "gzip target: no file pattern\n");
+        return 1;
+    }
 
     vlk::error_map found;
     vlk::error_manager::findErrors("01-0001", found);

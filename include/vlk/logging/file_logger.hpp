@@ -1,0 +1,68 @@
+// The file target: record lines to a plain file named from a pattern, with a
+// new file when the current one has grown past a threshold or on request.
+//
+// The name is `strftime` of "FileName" in local time, and "%n" (strftime's
+// line feed) stands for the open count, at least five digits. Opening a name
+// that differs from the current one appends to it; reopening the current name
+// empties it. A failed open keeps the old file and still counts, so the next
+// name differs. Size rotation happens before a write, so a file goes past the
+// threshold by at most one record; while the old file is over it and no new
+// file opens, `log` keeps trying and does not return.
+//
+// Everything but the factory and `init` runs on the logging thread, without a
+// lock. A full disk costs lines, never the process: from the first write that
+// fails with ENOSPC lines are dropped, and free space is looked at, on the
+// coarse monotonic clock, no more than once in 6 seconds and only when a line
+// arrives. Nothing here is logged or reported; the destructor does not close
+// the file, `shutdown` does.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include <vlk/logging/target.hpp>
+
+namespace vlk {
+
+namespace _file_logger_detail {
+
+// `pattern` through strftime in local time (empty when the result does not
+// fit in 4096 bytes), then every line feed, "%n" included, replaced by
+// `count` in at least five digits. Shared with the gzip target.
+std::string expandFileName(const std::string& pattern, std::uint64_t count);
+
+class file_logger_impl : public velk_logger::logger {
+  public:
+    bool init() override;
+    void shutdown() override;
+    void log(const error_id& id, const char* line, unsigned long length) override;
+    void rotate() override;
+    void flush() override;
+    bool getFileLoggerInfo(file_logging_info& info) override;
+
+    FILE* _file = nullptr;
+    std::string _fileNamePattern = "%Y-%m-%dT%H:%M:%S.log";
+    std::string _currentFileName;              // the name `_file` was opened under
+    std::uint64_t _rotationThreshold = ~0ull;  // all ones: no size rotation
+    std::uint64_t _rotationCount = 0;          // opens so far, the number "%n" writes
+    std::uint64_t _bytesWritten = 0;           // position in the current file
+    bool _diskFull = false;                    // writing suspended after ENOSPC
+    std::int64_t _lastSpaceCheck = 0;          // coarse monotonic seconds
+
+  private:
+    std::string constructFileName() const;
+    void openOrSwitchFile();
+    // While the disk is full: whether the line at hand may be written now.
+    bool _spaceIsBack(unsigned long length);
+};
+
+}  // namespace _file_logger_detail
+
+struct file_logger {
+    // Builds a file target from "RotationThreshold", "FileName" and the
+    // common keys. Opens nothing.
+    static base::shared_pointer<velk_logger::logger> factory(target_config& config);
+};
+
+}  // namespace vlk

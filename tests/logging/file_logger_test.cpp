@@ -1,0 +1,177 @@
+#include <vlk/logging/file_logger.hpp>
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <ctime>
+
+#include <vlk/catalogue/errors.hpp>
+
+#include "scratch_directory.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using vlk_test::readFile;
+using FileLogger = vlk_test::scratch_directory;
+
+struct made {
+    vlk::base::shared_pointer<vlk::velk_logger::logger> target;
+    auto& impl() const {
+        return static_cast<vlk::_file_logger_detail::file_logger_impl&>(*target.get());
+    }
+    void log(const std::string& line) const {
+        target->log(vlk::errors::E000001, line.data(), line.size());
+    }
+};
+
+made make(vlk::target_config config) {
+    config["Level"] = std::string("info");
+    return {vlk::file_logger::factory(config)};
+}
+
+std::int64_t coarseSeconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return now.tv_sec;
+}
+
+const std::string record = std::string(99, 'r') + "\n";
+
+TEST_F(FileLogger, CountInNameGoesOnAcrossFailedOpens) {
+    for (const char* threshold : {"", "lots", "2k"}) {  // "%n" only with a threshold
+        made file = make({{"RotationThreshold", {threshold}}});
+        ASSERT_TRUE(file.target->init()) << threshold;
+        EXPECT_EQ(file.impl()._currentFileName.substr(19),
+                  *threshold == '2' ? "-00000.log" : ".log");
+        EXPECT_EQ(file.impl()._rotationThreshold, *threshold == '2' ? 2048u : ~0ull);
+        file.target->shutdown();
+    }
+    fs::create_directory("a-00002.log");  // the third open fails
+    // A line feed in the pattern stands for the count, as "%n" does.
+    made file = make({{"RotationThreshold", {"0"}}, {"FileName", {"a-\n.log"}}});
+    ASSERT_TRUE(file.target->init());
+    for (const char* line : {"0\n", "1\n", "2\n", "3\n"}) {
+        file.log(line);  // a threshold of 0 rotates before each record but the first
+    }
+    file.target->flush();
+    EXPECT_EQ(readFile("a-00000.log") + readFile("a-00001.log") + readFile("a-00003.log") +
+                  readFile("a-00004.log"),
+              "0\n1\n2\n3\n");
+    vlk::file_logging_info info;
+    ASSERT_TRUE(file.target->getFileLoggerInfo(info));
+    EXPECT_EQ(info.rotationCount, 5u);
+    EXPECT_EQ(info.fileName, "a-00004.log");
+    file.impl()._rotationCount = 100000;
+    file.target->rotate();
+    EXPECT_EQ(file.impl()._currentFileName, "a-100000.log");
+    file.target->shutdown();
+}
+
+TEST_F(FileLogger, SameNameIsAppendedToAtInitAndEmptiedByRotation) {
+    vlk_test::writeFile("a.log", "old\n");
+    made file = make({{"FileName", {"a.log"}}, {"ExcludeErrors", {"00-0001"}}});
+    ASSERT_TRUE(file.target->init());
+    EXPECT_EQ(file.impl()._bytesWritten, 4u);
+    file.log("excluded\n");
+    file.target->log(vlk::errors::E000046, "kept\n", 5);
+    file.target->shutdown();
+    EXPECT_EQ(readFile("a.log"), "old\nkept\n");
+
+    vlk_test::writeFile("a.log", std::string(1001, 'o'));
+    made sized = make({{"RotationThreshold", {"1000"}}, {"FileName", {"a.log"}}});
+    ASSERT_TRUE(sized.target->init());
+    for (int i = 0; i < 11; ++i) {
+        sized.log(record);  // the first starts the file over, past 1000 already
+    }
+    sized.target->flush();
+    EXPECT_EQ(fs::file_size("a.log"), 1100u);
+    sized.log(record);
+    sized.target->flush();
+    EXPECT_EQ(readFile("a.log"), record);
+    sized.target->rotate();  // on request, whatever the size
+    EXPECT_EQ(fs::file_size("a.log"), 0u);
+    sized.target->shutdown();
+}
+
+TEST_F(FileLogger, UnopenableNamesFailInitOrDropLines) {
+    vlk_test::writeFile("plain", "x");
+    for (const char* name : {"plain/x.log", "bad dir/x.log", "."}) {
+        EXPECT_FALSE(make({{"FileName", {name}}}).target->init()) << name;
+    }
+    EXPECT_FALSE(fs::exists("bad dir"));
+
+    made file = make({{"RotationThreshold", {"0"}}, {"FileName", {"a.log"}}});
+    ASSERT_TRUE(file.target->init());
+    file.log("first\n");
+    fs::remove("a.log");
+    fs::create_directory("a.log");
+    file.log("lost\n");  // the reopen fails and leaves no stream
+    file.log("lost\n");
+    file.target->flush();
+    fs::remove("a.log");
+    file.target->rotate();
+    file.log("back\n");
+    file.target->shutdown();
+    EXPECT_EQ(readFile("a.log"), "back\n");
+}
+
+TEST_F(FileLogger, FullDeviceSuspendsWriting) {
+    made file = make({{"FileName", {"/dev/full"}}});
+    ASSERT_TRUE(file.target->init());
+    const std::int64_t before = coarseSeconds();
+    for (int i = 0; i < 100 && !file.impl()._diskFull; ++i) {
+        file.log(record);  // the stream's buffer fills, then its write fails
+    }
+    ASSERT_TRUE(file.impl()._diskFull);
+    EXPECT_GE(file.impl()._lastSpaceCheck, before);
+    const std::uint64_t written = file.impl()._bytesWritten;
+    file.log(record);
+    file.target->flush();
+    EXPECT_EQ(file.impl()._bytesWritten, written);
+    file.target->shutdown();
+}
+
+// Moves the last look at free space back instead of waiting for the clock.
+TEST_F(FileLogger, FullFileSystemDropsLinesUntilSpaceIsFreed) {
+    const std::string mountPoint = _root + "/mnt";
+    fs::create_directory(mountPoint);
+    if (::mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=64k") != 0) {
+        GTEST_SKIP() << "cannot mount a tmpfs here";
+    }
+    struct unmount {
+        std::string path;
+        ~unmount() { ::umount2(path.c_str(), MNT_DETACH); }
+    } unmountAtEnd{mountPoint};
+    vlk_test::writeFile(mountPoint + "/filler", std::string(64 * 1024, 'f'));  // cut short
+
+    made file = make({{"FileName", {mountPoint + "/a.log"}}});
+    ASSERT_TRUE(file.target->init());
+    for (int i = 0; i < 100 && !file.impl()._diskFull; ++i) {
+        file.log(record);
+    }
+    ASSERT_TRUE(file.impl()._diskFull);
+    const std::uint64_t written = file.impl()._bytesWritten;
+    file.impl()._lastSpaceCheck -= 6;  // looks, finds no space: the next look is later
+    file.log(record);
+    EXPECT_GE(file.impl()._lastSpaceCheck, coarseSeconds() - 1);
+
+    fs::remove(mountPoint + "/filler");
+    // Starting just after a clock second keeps this within that second.
+    for (const std::int64_t start = coarseSeconds(); coarseSeconds() == start;) {
+        ::usleep(1000);
+    }
+    file.impl()._lastSpaceCheck = coarseSeconds() - 5;  // too early to look
+    file.log(record);
+    EXPECT_TRUE(file.impl()._diskFull);
+    EXPECT_EQ(file.impl()._bytesWritten, written);
+
+    file.impl()._lastSpaceCheck = coarseSeconds() - 6;
+    file.log("resumed\n");
+    file.target->shutdown();
+    EXPECT_FALSE(file.impl()._diskFull);
+    EXPECT_TRUE(readFile(mountPoint + "/a.log").ends_with("resumed\n"));
+}
+
+}  // namespace

@@ -1,0 +1,120 @@
+#include <vlk/logging/gzip_logger.hpp>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <set>
+#include <vector>
+
+#include <vlk/catalogue/errors.hpp>
+
+#include "scratch_directory.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using GzipLogger = vlk_test::scratch_directory;
+
+struct made {
+    vlk::base::shared_pointer<vlk::velk_logger::logger> target;
+    auto& impl() const {
+        return static_cast<vlk::_gzip_logger_detail::gzip_logger_impl&>(*target.get());
+    }
+    void log(const std::string& line) const {
+        target->log(vlk::errors::E000001, line.data(), line.size());
+    }
+};
+
+made make(vlk::target_config config) {
+    config["Level"] = std::string("info");
+    return {vlk::gzip_logger::factory(config)};
+}
+
+// What the gzip program reads from `path`, also from a file still being
+// written, whose end it reports as missing.
+std::string gunzip(const std::string& path) {
+    std::string text;
+    FILE* pipe = ::popen(("gzip -dc '" + path + "' 2>/dev/null").c_str(), "r");
+    char buffer[4096];
+    for (std::size_t got;
+         pipe != nullptr && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
+        text.append(buffer, got);
+    }
+    if (pipe != nullptr) {
+        ::pclose(pipe);
+    }
+    return text;
+}
+
+TEST_F(GzipLogger, EveryRecordComesBackAcrossSizeRotations) {
+    made file = make({{"RotationThreshold", {"4k"}}, {"FileName", {"g-%n.log.gz"}}});
+    ASSERT_TRUE(file.target->init());
+    std::mt19937_64 random(7);  // hexadecimal noise compresses to about half
+    std::string all;
+    for (int i = 0; i < 600; ++i) {
+        char line[64];
+        std::snprintf(line, sizeof line, "%04d %016lx%016lx\n", i, random(), random());
+        all += line;
+        file.log(line);
+        if (i % 20 == 19) {
+            file.target->flush();  // as the logging thread does after each pass
+        }
+    }
+    file.target->rotate();
+    EXPECT_EQ(file.impl()._bytesWritten, 0u);
+    file.target->shutdown();
+
+    std::set<std::string> sorted;  // the count's digits sort them in order
+    for (const auto& entry : fs::directory_iterator(".")) {
+        sorted.insert(entry.path().filename().string());
+    }
+    const std::vector<std::string> names(sorted.begin(), sorted.end());
+    ASSERT_GE(names.size(), 4u);
+    std::string back;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        back += gunzip(names[i]);
+        if (i + 2 < names.size()) {  // all but the one in use and the one opened on request
+            EXPECT_GT(fs::file_size(names[i]), 4096u) << names[i];
+            EXPECT_LT(fs::file_size(names[i]), 4096u + 1024u) << names[i];  // one pass more
+        }
+    }
+    EXPECT_EQ(back, all);
+}
+
+TEST_F(GzipLogger, SyncFlushAndRestartKeepEveryRecordReadable) {
+    made first = make({{"FileName", {"r.log.gz"}}});
+    ASSERT_TRUE(first.target->init());
+    first.log("one\n");
+    first.log("two\n");
+    EXPECT_EQ(gunzip("r.log.gz"), "");  // still in zlib's buffers
+    first.target->flush();
+    EXPECT_EQ(gunzip("r.log.gz"), "one\ntwo\n");
+    first.target->shutdown();
+
+    made second = make({{"FileName", {"r.log.gz"}}});  // a second gzip member
+    ASSERT_TRUE(second.target->init());
+    EXPECT_EQ(second.impl()._bytesWritten, 0u);
+    second.log("three\n");
+    second.target->shutdown();
+    EXPECT_EQ(gunzip("r.log.gz"), "one\ntwo\nthree\n");
+    EXPECT_EQ(std::system("gzip -t r.log.gz"), 0);
+
+    made same = make({{"RotationThreshold", {"10"}}, {"FileName", {"r.log.gz"}}});
+    ASSERT_TRUE(same.target->init());
+    same.log("four\n");  // counts the whole file, which it appends to
+    same.target->flush();
+    same.log("five\n");  // the same name again is started over
+    same.target->shutdown();
+    EXPECT_EQ(gunzip("r.log.gz"), "five\n");
+
+    vlk_test::writeFile("plain", "x");
+    made unopenable = make({{"FileName", {"plain/x.log.gz"}}});
+    EXPECT_FALSE(unopenable.target->init());
+    EXPECT_EQ(unopenable.impl()._bytesWritten, ~0ull);  // zlib's -1 for no file
+    made numbered = make({{"RotationThreshold", {"1M"}}});
+    EXPECT_EQ(numbered.impl()._fileNamePattern, "%Y-%m-%dT%H:%M:%S-%n.log.gz");
+}
+
+}  // namespace
