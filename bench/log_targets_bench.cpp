@@ -3,6 +3,10 @@
 // flushed, against spdlog's asynchronous logger (thread pool, blocking
 // overflow policy) in the same run:
 //
+//   file                  against spdlog's rotating file sink, both starting
+//                         a new file every 32 MiB
+//   gzip                  zlib's default level, against the same rotating
+//                         file sink (spdlog has no compressing sink)
 //   console on /dev/null  against spdlog's rotating file sink, and spdlog's
 //                         own stdout sink on /dev/null for reference (it
 //                         flushes after every line)
@@ -50,6 +54,32 @@ struct spdlog_rotating_file {
     }
 };
 
+// Our file names keep their usual form, with the directory in front.
+struct velk_rotating_file {
+    using side = velk_side;
+    static constexpr const char* name = "velk_file";
+    static constexpr bool counted = true;
+    static constexpr bool toStdout = false;
+    static bool open(const std::string& directory) {
+        return side::open({{"Protocol", "file"},
+                           {"RotationThreshold", std::to_string(k_rotationBytes)},
+                           {"FileName", directory + "/velk-%Y-%m-%dT%H:%M:%S-%n.log"}});
+    }
+};
+
+// The threshold counts compressed bytes here, so these files do not rotate.
+struct velk_gzip {
+    using side = velk_side;
+    static constexpr const char* name = "velk_gzip";
+    static constexpr bool counted = true;
+    static constexpr bool toStdout = false;
+    static bool open(const std::string& directory) {
+        return side::open({{"Protocol", "gzip"},
+                           {"RotationThreshold", std::to_string(k_rotationBytes)},
+                           {"FileName", directory + "/velk-%Y-%m-%dT%H:%M:%S-%n.log.gz"}});
+    }
+};
+
 struct spdlog_stdout_null {
     using side = spdlog_side;
     static constexpr const char* name = "spdlog_stdout_to_null";
@@ -90,6 +120,8 @@ struct spdlog_syslog {
 bool registerAll() {
     const std::string versusFile = std::string("vs:") + spdlog_rotating_file::name;
     registerThroughput<spdlog_rotating_file>("target", "baseline", k_producers, k_records);
+    registerThroughput<velk_rotating_file>("target", versusFile, k_producers, k_records);
+    registerThroughput<velk_gzip>("target", versusFile, k_producers, k_records);
     registerThroughput<velk_console_null>("target", versusFile, k_producers, k_records);
     registerThroughput<spdlog_stdout_null>("target", "baseline", k_producers, k_records);
     registerThroughput<velk_syslog>("target", std::string("vs:") + spdlog_syslog::name, k_producers,

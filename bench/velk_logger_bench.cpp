@@ -116,6 +116,6 @@ bool registerAll() {
     return true;
 }
 
-const bool g_registered = registerAll<velk_console_null, spdlog_file>();
+const bool g_registered = registerAll<velk_file, spdlog_file>();
 
 }  // namespace
