@@ -74,11 +74,35 @@ await() {
 
 case $test_case in
 records)
-    "$demo" stdout.conf --threads 2 --rate 500 --seconds 1 >out 2>err
+    # Beside the stdout target: one on standard error that takes a single
+    # row by name, and a section whose protocol does not exist.
+    cat stdout.conf - >two.conf <<'EOF'
+
+[errors]
+Protocol = stderr
+IncludeErrors = 00-0025
+
+[nowhere]
+Protocol = ftp
+Level = info
+EOF
+    "$demo" two.conf --threads 2 --rate 500 --seconds 1 >out 2>err
     status=$?
     [ "$status" -eq 0 ] || fail "status $status: $(cat err)"
     grep -Eq '^  stopped by +the time limit' out || fail "not stopped by the time limit"
     check_report out
+
+    grep -q '\[nowhere\] (line 10): protocol "ftp" is not available' err ||
+        fail "the section without a target was not named: $(cat err)"
+    grep -q '^target \[errors\] stderr$' out || fail "stderr target not reported"
+    grep -Eq '^  include errors +00-0025$' out || fail "include errors not reported"
+    stderr_lines=$(grep -cE "$record" err)
+    [ "$stderr_lines" -gt 0 ] || fail "no record on standard error"
+    [ "$(grep -cE "${prefix}error: 00-0025 " err)" -eq "$stderr_lines" ] ||
+        fail "standard error took rows it did not name"
+    bytes=$(grep -E "$record" err | wc -c)
+    [ "$(grep -Ec "^  bytes written +$bytes\$" out)" -eq 1 ] ||
+        fail "stderr target's bytes written is not $bytes"
     ;;
 signals)
     "$demo" stdout.conf --threads 2 --rate 200 --seconds 0 >out 2>err &
