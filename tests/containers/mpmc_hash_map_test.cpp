@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "../concurrency.hpp"
+
 namespace {
 
 using namespace vlk::lockfree;
@@ -19,11 +21,7 @@ using constants1024 = mpmc_hash_map_constants<1024, 2, 8388608, true, false, fal
 struct word_tag {};
 using word_map = mpmc_hash_map<unsigned long, unsigned long, word_tag, constants16>;
 
-#if defined(__SANITIZE_THREAD__)
-constexpr unsigned long kScale = 4;  // ThreadSanitizer runs about 10 times slower
-#else
-constexpr unsigned long kScale = 32;
-#endif
+constexpr unsigned long kScale = 4 * vlk_test::stress_scale;
 
 constexpr std::uint64_t count(std::uint64_t word) {
     return word & word_map::count_mask;
@@ -150,16 +148,10 @@ TEST(MpmcHashMap, TwoThreadsOutOfNodesGrowTheTableOnce) {
         for (unsigned long key : {1, 17, 33}) {
             ASSERT_TRUE(map.insert(key, key));
         }
-        std::atomic<int> ready{0};
-        auto racer = [&](unsigned long key) {
-            ready.fetch_add(1);
-            while (ready.load() != 2) {
-            }
+        vlk_test::onThreads(2, [&](unsigned i) {
+            const unsigned long key = i == 0 ? 83 * 16 : 49;
             EXPECT_TRUE(map.insert(key, key));
-        };
-        std::thread a(racer, 83 * 16), b(racer, 49);
-        a.join();
-        b.join();
+        });
         EXPECT_EQ(map.bucketCount(), 32u);
         EXPECT_EQ(map.size(), 88u);
         unsigned long value = 0;

@@ -3,13 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <latch>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <vlk/memory/mmap.hpp>
+
+#include "../concurrency.hpp"
 
 // The one door into the queue's internals: reserve a ticket without
 // completing it, complete it later, and look at a lane's blocks.
@@ -187,12 +188,10 @@ TEST(MpmcQueue, ClearDropsRecordsUnmapsBlocksAndRestartsAtTicketZero) {
 // sequential model: every record arrives exactly once, intact, and each
 // consumer sees each producer's records in the order they were put.
 
-#if defined(__SANITIZE_THREAD__)
-constexpr std::uint64_t stress_records_per_producer = 100'000;
-#elif defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__)
 constexpr std::uint64_t stress_records_per_producer = 250'000;
 #else
-constexpr std::uint64_t stress_records_per_producer = 1'000'000;
+constexpr std::uint64_t stress_records_per_producer = 100'000 * vlk_test::stress_scale;
 #endif
 
 // The size of the logger's record; the check word shows a torn move.
@@ -214,21 +213,14 @@ std::uint64_t stressFaults(std::uint64_t perProducer) {
     std::vector<std::atomic<std::uint8_t>> arrivals(total);
     std::atomic<std::uint64_t> taken{0}, faults{0};
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(200);
-    std::latch start(producers + consumers);
-    std::vector<std::thread> threads;
-    for (unsigned p = 0; p < producers; ++p) {
-        threads.emplace_back([&, p] {
-            start.arrive_and_wait();
+    vlk_test::onThreads(producers + consumers, [&](unsigned p) {
+        if (p < producers) {
             for (std::uint64_t s = 0; s < perProducer; ++s) {
                 queue->put({p, s, {}, p * perProducer + s});
             }
-        });
-    }
-    for (unsigned c = 0; c < consumers; ++c) {
-        threads.emplace_back([&] {
+        } else {
             std::vector<std::uint64_t> next(producers, 0);  // lowest sequence still allowed
             stress_record r;
-            start.arrive_and_wait();
             while (taken.load() < total && std::chrono::steady_clock::now() < deadline) {
                 if (!queue->get(r)) {
                     std::this_thread::yield();
@@ -243,11 +235,8 @@ std::uint64_t stressFaults(std::uint64_t perProducer) {
                 }
                 next[r.producer] = r.sequence + 1;
             }
-        });
-    }
-    for (std::thread& t : threads) {
-        t.join();
-    }
+        }
+    });
     return faults.load() + (total - taken.load());
 }
 

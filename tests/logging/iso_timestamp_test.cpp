@@ -8,11 +8,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <latch>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "../concurrency.hpp"
 
 namespace {
 
@@ -186,10 +187,8 @@ TEST(IsoTimestamp, ConcurrentThreadsKeepTheirOwnText) {
     const scoped_zone zone("Australia/Lord_Howe");  // set before the threads start
     const std::vector<instant> sets[2] = {instantsBetween(0, 1 << 30),
                                           instantsBetween(1 << 30, INT32_MAX)};
-    std::latch start(2);
     int mismatches[2] = {0, 0};
-    auto run = [&](int which) {
-        start.arrive_and_wait();
+    vlk_test::onThreads(2, [&](unsigned which) {
         for (int round = 0; round < 20; ++round) {
             for (const form f : {basic, local}) {  // each misses, then hits
                 for (const instant t : sets[which]) {
@@ -199,9 +198,7 @@ TEST(IsoTimestamp, ConcurrentThreadsKeepTheirOwnText) {
                 }
             }
         }
-    };
-    std::thread first(run, 0), second(run, 1);
-    first.join(), second.join();
+    });
     EXPECT_EQ(mismatches[0] + mismatches[1], 0);
 }
 

@@ -16,6 +16,8 @@
 
 #include <vlk/system/clock.hpp>
 
+#include "../concurrency.hpp"
+
 namespace {
 
 using vlk::mmap_stats;
@@ -150,15 +152,10 @@ TEST(AllocatorStats, InitCreatesOnceAndShutdownOnlyClearsTheSwitch) {
     ASSERT_EQ(vlk::allocator_stats::impl(), nullptr);
 
     std::vector<const void*> seen(8);
-    {
-        std::vector<std::jthread> threads;
-        for (auto& result : seen) {
-            threads.emplace_back([&result] {
-                vlk::allocator_stats::init();
-                result = vlk::allocator_stats::impl();
-            });
-        }
-    }
+    vlk_test::onThreads(8, [&](unsigned i) {
+        vlk::allocator_stats::init();
+        seen[i] = vlk::allocator_stats::impl();
+    });
     const auto* state = vlk::allocator_stats::impl();
     ASSERT_NE(state, nullptr);
     EXPECT_EQ(std::count(seen.begin(), seen.end(), state), 8);
