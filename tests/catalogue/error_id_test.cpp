@@ -36,12 +36,6 @@ TEST(ErrorId, RendersPaddedCodesAndTheFiveDigitForm) {
     }
 }
 
-TEST(ErrorId, IdentityIgnoresTheLevel) {
-    EXPECT_EQ((error_id{0x01, 0x12, 5}), (error_id{0x80, 0x12, 5}));
-    EXPECT_NE((error_id{0x01, 0x12, 5}), (error_id{0x01, 0x30, 5}));
-    EXPECT_NE((error_id{0x01, 0x12, 5}), (error_id{0x01, 0x12, 6}));
-}
-
 TEST(LogLevel, NamesJoinEverySetBitFromTheLowest) {
     EXPECT_EQ(vlk::getLogLevelString(log_level::none), "none");
     EXPECT_EQ(vlk::getLogLevelString(log_level::info | log_level::error), "info,error");
