@@ -139,15 +139,12 @@ TEST(Regex, InitKeepsTheFirstPatternAndAnInvalidOneLeavesNoCode) {
     EXPECT_NE(invalid._code, nullptr);
 }
 
+// The copy behind a view is shared with jit_regex, whose test runs it on
+// both sides of the on-stack size.
 TEST(Regex, ViewsCompileUpToTheirLengthOrFirstNul) {
-    // Lengths around the on-stack copy: both must compile the whole view.
-    for (std::size_t length : {127u, 128u, 5000u}) {
-        const std::string text = std::string(length, 'A') + "tail-not-in-view";
-        vlk::regex expression(vlk::base::cstring{text.data(), length});
-        ASSERT_NE(expression._code, nullptr) << length;
-        EXPECT_TRUE(matches(expression, std::string(length, 'A'))) << length;
-        EXPECT_FALSE(matches(expression, std::string(length - 1, 'A'))) << length;
-    }
+    const std::string text = "^AB$tail-not-in-view";
+    vlk::regex view(vlk::base::cstring{text.data(), 4});
+    EXPECT_TRUE(matches(view, "AB"));
     const char withNul[] = {'0', '1', '\0', '(', '('};
     vlk::regex expression(vlk::base::cstring{withNul, sizeof withNul});
     ASSERT_NE(expression._code, nullptr);  // "((" was never compiled
