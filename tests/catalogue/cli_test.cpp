@@ -8,14 +8,14 @@
 // patterns) are spelled out here.
 
 #include <fcntl.h>
-#include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -30,84 +30,49 @@ namespace {
 
 const std::string g_goldenDir = VLK_TEST_DATA_DIR "/golden";
 
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    EXPECT_TRUE(in) << "cannot read " << path;
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
 struct run_result {
     std::string out;
     std::string err;
     int status = -1;  // exit status, or minus the signal number
 };
 
-// Runs velkmsg with exactly `argv` (argv[0] included) and collects both
-// streams. The streams are drained together so that a large report cannot
-// fill one pipe while the other is being read.
-run_result runVelkmsg(const std::vector<std::string>& argv) {
-    run_result result;
-    int outPipe[2];
-    int errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
-        ADD_FAILURE() << "pipe2: " << std::strerror(errno);
-        return result;
-    }
-
-    std::vector<std::string> storage(argv);
+// Runs velkmsg with exactly `argv` (argv[0] included); its streams go to
+// files of this process's own, as a report can be far larger than a pipe.
+run_result runVelkmsg(std::vector<std::string> argv) {
+    const std::string base = testing::TempDir() + "velkmsg-" + std::to_string(getpid());
+    const std::string outPath = base + ".out", errPath = base + ".err";
     std::vector<char*> args;
-    for (std::string& arg : storage) {
+    for (std::string& arg : argv) {
         args.push_back(arg.data());
     }
     args.push_back(nullptr);
-
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outPath.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errPath.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
     pid_t pid = 0;
     const int spawned =
         posix_spawn(&pid, VLK_VELKMSG_PATH, &actions, nullptr, args.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    close(outPipe[1]);
-    close(errPipe[1]);
-    if (spawned != 0) {
-        ADD_FAILURE() << "posix_spawn " << VLK_VELKMSG_PATH << ": " << std::strerror(spawned);
-        close(outPipe[0]);
-        close(errPipe[0]);
+    run_result result;
+    int status = 0;
+    if (spawned != 0 || waitpid(pid, &status, 0) != pid) {
+        ADD_FAILURE() << "cannot run " << VLK_VELKMSG_PATH << ": " << std::strerror(spawned);
         return result;
     }
-
-    pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-    std::string* sinks[2] = {&result.out, &result.err};
-    int open = 2;
-    char buffer[65536];
-    while (open > 0) {
-        if (poll(fds, 2, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            ADD_FAILURE() << "poll: " << std::strerror(errno);
-            break;
-        }
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0) {
-                continue;
-            }
-            const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-            if (n > 0) {
-                sinks[i]->append(buffer, static_cast<std::size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-            }
-        }
-    }
-    for (const pollfd& fd : fds) {
-        if (fd.fd >= 0) {
-            close(fd.fd);
-        }
-    }
-
-    int wstatus = 0;
-    while (waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) {
-    }
-    result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -WTERMSIG(wstatus);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    result.out = readFile(outPath);
+    result.err = readFile(errPath);
+    std::remove(outPath.c_str());
+    std::remove(errPath.c_str());
     return result;
 }
 
@@ -117,51 +82,25 @@ testing::AssertionResult sameBytes(const std::string& expected, const std::strin
     if (expected == actual) {
         return testing::AssertionSuccess();
     }
-    std::size_t at = 0;
-    while (at < expected.size() && at < actual.size() && expected[at] == actual[at]) {
-        ++at;
-    }
+    const std::size_t at =
+        std::mismatch(expected.begin(), expected.end(), actual.begin(), actual.end()).first -
+        expected.begin();
     auto lineAt = [at](const std::string& text) {
-        const std::size_t begin = text.rfind('\n', at == 0 ? 0 : at - 1);
-        const std::size_t from = begin == std::string::npos || at == 0 ? 0 : begin + 1;
-        const std::size_t end = text.find('\n', at);
-        return text.substr(from, (end == std::string::npos ? text.size() : end) - from);
-    };
-    auto lastMessage = [at](const std::string& text) {
-        const std::size_t begin = text.rfind("VELK Message ", at);
-        return begin == std::string::npos ? std::string("(none)") : text.substr(begin, 20);
+        const std::size_t begin = at == 0 ? 0 : text.rfind('\n', at - 1) + 1;  // npos + 1 is 0
+        return text.substr(begin, text.find('\n', at) - begin);
     };
     return testing::AssertionFailure()
            << "sizes " << expected.size() << " (expected) and " << actual.size()
            << " (actual), first difference at byte " << at << "\n  expected line: ["
-           << lineAt(expected) << "]\n  actual line:   [" << lineAt(actual)
-           << "]\n  in row: expected " << lastMessage(expected) << ", actual "
-           << lastMessage(actual);
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        ADD_FAILURE() << "cannot read " << path;
-        return {};
-    }
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+           << lineAt(expected) << "]\n  actual line:   [" << lineAt(actual) << "]";
 }
 
 // "-" is nothing; otherwise golden files joined by '+', concatenated.
 std::string readStream(const std::string& files) {
     std::string text;
-    if (files == "-") {
-        return text;
-    }
-    std::size_t from = 0;
-    while (from <= files.size()) {
-        std::size_t plus = files.find('+', from);
-        if (plus == std::string::npos) {
-            plus = files.size();
-        }
-        text += readFile(g_goldenDir + "/" + files.substr(from, plus - from));
-        from = plus + 1;
+    std::istringstream names(files == "-" ? "" : files);
+    for (std::string name; std::getline(names, name, '+');) {
+        text += readFile(g_goldenDir + "/" + name);
     }
     return text;
 }
@@ -178,55 +117,28 @@ void PrintTo(const golden_case& c, std::ostream* os) {
     *os << c.name;
 }
 
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    return -1;
-}
-
-// The manifest writes arguments in lower-case hex, "-" for the empty one.
-bool fromHex(const std::string& hex, std::string& bytes) {
-    bytes.clear();
-    if (hex == "-") {
-        return true;
-    }
-    if (hex.size() % 2 != 0) {
-        return false;
-    }
-    for (std::size_t i = 0; i < hex.size(); i += 2) {
-        const int high = hexDigit(hex[i]);
-        const int low = hexDigit(hex[i + 1]);
-        if (high < 0 || low < 0) {
-            return false;
-        }
-        bytes.push_back(static_cast<char>(high << 4 | low));
-    }
-    return true;
-}
-
-// Reads the manifest: "name argument-hex status stdout stderr" per line.
-// A line that does not parse becomes a case without a name, which fails.
+// Reads the manifest: "name argument-hex status stdout stderr" per line,
+// the argument in hex ("-" for the empty one). A line that does not parse
+// becomes a case with status -1, which fails.
 std::vector<golden_case> loadCases() {
     std::vector<golden_case> cases;
     std::ifstream in(g_goldenDir + "/cases.txt");
-    std::string line;
-    while (std::getline(in, line)) {
+    for (std::string line; std::getline(in, line);) {
         if (line.empty() || line[0] == '#') {
             continue;
         }
         std::istringstream fields(line);
         golden_case c;
         std::string hex;
-        std::string extra;
-        if (!(fields >> c.name >> hex >> c.status >> c.out >> c.err) || (fields >> extra) ||
-            !fromHex(hex, c.argument)) {
-            c = golden_case{};
-            c.name = "malformed_line_" + std::to_string(cases.size());
-            c.err = line;
+        const bool read = static_cast<bool>(fields >> c.name >> hex >> c.status >> c.out >> c.err);
+        hex = hex == "-" ? "" : hex;
+        if (!read || hex.size() % 2 != 0 ||
+            hex.find_first_not_of("0123456789abcdef") != std::string::npos) {
+            hex.clear();
+            c = {"malformed_line_" + std::to_string(cases.size()), line, -1, "", ""};
+        }
+        for (std::size_t i = 0; i < hex.size(); i += 2) {
+            c.argument.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
         }
         cases.push_back(c);
     }
@@ -251,7 +163,7 @@ class GoldenReport : public testing::TestWithParam<golden_case> {};
 
 TEST_P(GoldenReport, MatchesModelByteForByte) {
     const golden_case& c = GetParam();
-    ASSERT_GE(c.status, 0) << "malformed manifest line: " << c.err;
+    ASSERT_GE(c.status, 0) << "malformed manifest line: " << c.argument;
     const run_result run = runVelkmsg({"velkmsg", c.argument});
     EXPECT_EQ(run.status, c.status);
     EXPECT_TRUE(sameBytes(readStream(c.out), run.out)) << "standard output";

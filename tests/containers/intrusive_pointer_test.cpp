@@ -6,6 +6,8 @@
 #include <thread>
 #include <vector>
 
+#include "../concurrency.hpp"
+
 namespace {
 
 using vlk::base::intrusive_pointer;
@@ -52,18 +54,12 @@ TYPED_TEST(IntrusivePointer, CountStartsAtZeroAndTheLastHolderDeletes) {
 TYPED_TEST(IntrusivePointer, CopiesReleasedOnManyThreadsDeleteOnce) {
     g_deaths.store(0);
     intrusive_pointer<TypeParam> owner(new TypeParam);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 50000; ++i) {
-                intrusive_pointer<TypeParam> copy(owner);
-                intrusive_pointer<TypeParam> other(copy);
-            }
-        });
-    }
-    for (std::thread& t : threads) {
-        t.join();
-    }
+    vlk_test::onThreads(4, [&](unsigned) {
+        for (int i = 0; i < 50000; ++i) {
+            intrusive_pointer<TypeParam> copy(owner);
+            intrusive_pointer<TypeParam> other(copy);
+        }
+    });
     EXPECT_EQ(intrusive_pointer_traits<TypeParam>::references(owner.get()), 1);
     owner.release();
     EXPECT_EQ(g_deaths.load(), 1);

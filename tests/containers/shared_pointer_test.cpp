@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "../concurrency.hpp"
+
 // This binary's operator new and delete count their calls.
 namespace {
 std::atomic<long> g_allocations{0};
@@ -98,19 +100,13 @@ TEST(SharedPointer, LastReleaseFreesTheCountBeforeDeletingTheObjectOnce) {
 TEST(SharedPointer, CopiesReleasedOnManyThreadsDeleteOnce) {
     bool destroyed = false;
     shared_pointer<base> owner(new derived(destroyed));
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 50000; ++i) {
-                shared_pointer<base> copy(owner);
-                shared_pointer<base> moved(std::move(copy));
-                copy = moved;
-            }
-        });
-    }
-    for (std::thread& t : threads) {
-        t.join();
-    }
+    vlk_test::onThreads(4, [&](unsigned) {
+        for (int i = 0; i < 50000; ++i) {
+            shared_pointer<base> copy(owner);
+            shared_pointer<base> moved(std::move(copy));
+            copy = moved;
+        }
+    });
     EXPECT_EQ(owner.useCount(), 1);
     EXPECT_FALSE(destroyed);
     owner.destroy();

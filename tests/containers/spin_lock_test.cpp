@@ -6,6 +6,8 @@
 #include <thread>
 #include <vector>
 
+#include "../concurrency.hpp"
+
 namespace {
 
 using vlk::lock::spin_lock_impl;
@@ -37,19 +39,13 @@ TEST(SpinLock, StressCountsEveryIncrementOnce) {
     spin_lock_impl<unsigned long> lock;
     std::uint64_t counter = 0;  // guarded by `lock` only
     constexpr int kThreads = 4, kIterations = 200000;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < kIterations; ++i) {
-                lock.lock();
-                ++counter;
-                lock.unlock();
-            }
-        });
-    }
-    for (std::thread& t : threads) {
-        t.join();
-    }
+    vlk_test::onThreads(kThreads, [&](unsigned) {
+        for (int i = 0; i < kIterations; ++i) {
+            lock.lock();
+            ++counter;
+            lock.unlock();
+        }
+    });
     EXPECT_EQ(counter, std::uint64_t{kThreads} * kIterations);
 }
 

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -17,29 +18,30 @@ struct counting_map {};
 struct waiting_map {};
 struct churning_map {};
 
-// Runs `wait(map)` on a thread of its own and tells whether it returned.
+// Runs `wait(map)` on a thread of its own: whether it returned within
+// `first`, and whether it had returned 10 s after `release()`.
 template <typename Tracker>
-class waiter {
-  public:
-    explicit waiter(unsigned long map)
-        : _thread([this, map] {
-              Tracker::_waitInfo.wait(map);
-              _done.store(true);
-          }) {}
-    ~waiter() { _thread.join(); }
-
-    bool doneWithin(std::chrono::milliseconds limit) {
-        auto end = std::chrono::steady_clock::now() + limit;
-        while (!_done.load() && std::chrono::steady_clock::now() < end) {
+std::pair<bool, bool> waitReturns(
+    unsigned long map, std::chrono::milliseconds first,
+    const std::function<void()>& release = [] {}) {
+    std::atomic<bool> done{false};
+    std::thread waiter([&] {
+        Tracker::_waitInfo.wait(map);
+        done.store(true);
+    });
+    auto doneWithin = [&](std::chrono::milliseconds limit) {
+        const auto end = std::chrono::steady_clock::now() + limit;
+        while (!done.load() && std::chrono::steady_clock::now() < end) {
             std::this_thread::sleep_for(1ms);
         }
-        return _done.load();
-    }
-
-  private:
-    std::atomic<bool> _done{false};
-    std::thread _thread;
-};
+        return done.load();
+    };
+    const bool early = doneWithin(first);
+    release();
+    const bool late = doneWithin(10s);
+    waiter.join();
+    return {early, late};
+}
 
 TEST(ThreadTracker, CountersRegistrationAndTheMergeOfEndedThreads) {
     using tracker = lf_thread_tracker_impl<counting_map>;
@@ -97,16 +99,9 @@ TEST(ThreadTracker, WaitHoldsForASectionOnTheSameMapOnly) {
     while (step.load() != 1) {
         std::this_thread::yield();
     }
-    {
-        waiter<tracker> other(mapB);
-        EXPECT_TRUE(other.doneWithin(10s)) << "a section on another map held up the wait";
-    }
-    {
-        waiter<tracker> same(mapA);
-        EXPECT_FALSE(same.doneWithin(50ms)) << "the wait ignored a thread inside the map";
-        step.store(2);
-        EXPECT_TRUE(same.doneWithin(10s));
-    }
+    EXPECT_TRUE(waitReturns<tracker>(mapB, 10s).first) << "a section on another map held it";
+    EXPECT_EQ(waitReturns<tracker>(mapA, 50ms, [&] { step.store(2); }), std::pair(false, true))
+        << "the wait ignored a thread inside the map, or never ended";
     for (int i = 0; i < 100; ++i) {
         tracker::_waitInfo.wait(mapA);
     }

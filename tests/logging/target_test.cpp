@@ -90,10 +90,4 @@ TEST_F(Target, DescribeWritesLevelsAndIdentifiers) {
     EXPECT_TRUE(target._fatalErrors.contains(parsed));
 }
 
-TEST(FriendlyValue, EmptyReadsAsTheFallback) {
-    EXPECT_EQ(vlk::friendly_value().valueOr("dflt"), "dflt");
-    EXPECT_EQ(vlk::friendly_value("").valueOr("dflt"), "dflt");
-    EXPECT_EQ(vlk::friendly_value("set").valueOr("dflt"), "set");
-}
-
 }  // namespace

@@ -10,6 +10,8 @@
 
 #include <vlk/system/init_once.hpp>
 
+#include "../concurrency.hpp"
+
 // Under AddressSanitizer a failed allocation must come back as null, as it
 // does from glibc, for the out-of-memory path to be reached.
 extern "C" const char* __asan_default_options() {
@@ -59,20 +61,8 @@ TEST(InitOnce, BuildsOnceUnderRaceAndRebuildsAfterShutdown) {
     EXPECT_EQ(guard.get(), nullptr);
     EXPECT_EQ(guard.shutdown(), 0);  // nothing to tear down: the state word
 
-    std::atomic<bool> go{false};
     std::vector<built*> seen(8);
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < seen.size(); ++i) {
-        threads.emplace_back([&, i] {
-            while (!go.load()) {
-            }
-            seen[i] = guard.init();
-        });
-    }
-    go.store(true);
-    for (auto& t : threads) {
-        t.join();
-    }
+    vlk_test::onThreads(8, [&](unsigned i) { seen[i] = guard.init(); });
     EXPECT_EQ(built::constructed.load(), 1);
     for (built* p : seen) {
         EXPECT_EQ(p, seen[0]);

@@ -8,13 +8,11 @@
 #include <cstring>
 #include <thread>
 
+#include "../concurrency.hpp"
+
 namespace {
 
-#if defined(__SANITIZE_THREAD__)
-constexpr std::uint64_t kBlocks = 40000;
-#else
-constexpr std::uint64_t kBlocks = 400000;
-#endif
+constexpr std::uint64_t kBlocks = 40000 * vlk_test::stress_scale;
 
 using vlk::log_stream_allocator;
 using block_queue =

@@ -10,13 +10,11 @@
 #include <memory>
 #include <thread>
 
+#include "../concurrency.hpp"
+
 namespace {
 
-#if defined(__SANITIZE_THREAD__)
-constexpr int kRaceRounds = 300;
-#else
-constexpr int kRaceRounds = 3000;
-#endif
+constexpr int kRaceRounds = 300 * vlk_test::stress_scale;
 
 using allocator = vlk::log_stream_allocator::slab_allocator;
 using vlk::memory::mpsc_slab;
@@ -54,13 +52,12 @@ struct owned_allocator : std::unique_ptr<allocator> {
 };
 
 TEST(MpscSlabAllocator, RoundsRequestsToGranulesAndMapsOnlyAboveOneMebibyte) {
-    const std::uint64_t rounding[][2] = {{0, 128},
-                                         {1, 256},
-                                         {128, 256},
-                                         {129, 384},
-                                         {~0ul, 128},
-                                         {~0ul - 254, 128},
-                                         {~0ul - 255, ~0ul - 127}};
+    const std::uint64_t rounding[][2] = {
+        // clang-format off
+        {0, 128}, {1, 256}, {128, 256}, {129, 384},
+        {~0ul, 128}, {~0ul - 254, 128}, {~0ul - 255, ~0ul - 127},  // 128 + size wraps
+        // clang-format on
+    };
     for (const auto& [request, rounded] : rounding) {
         EXPECT_EQ(allocator::roundedSize(request), rounded) << request;
     }

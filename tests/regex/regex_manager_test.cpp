@@ -7,6 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "../concurrency.hpp"
+
 namespace {
 
 using velk::velk_regex_manager;
@@ -96,23 +98,13 @@ TEST(RegexManager, RacingRegistrationsShareOneHandle) {
     constexpr int kThreads = 8, kPatterns = 200;
     std::vector<std::vector<void*>> seen(kThreads, std::vector<void*>(kPatterns));
     std::uint64_t before = velk_regex_manager::registeredCount();
-    std::atomic<int> ready{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            ready.fetch_add(1);
-            while (ready.load() < kThreads) {
-            }
-            for (int p = 0; p < kPatterns; ++p) {
-                seen[t][p] = velk_regex_manager::registerRegex("race-" + std::to_string(p));
-                EXPECT_TRUE(velk_regex_manager::isMatch(seen[t][p], "a race-1 b", 10) == (p == 1));
-            }
-            velk_regex_manager::threadTerminate();
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    vlk_test::onThreads(kThreads, [&](unsigned t) {
+        for (int p = 0; p < kPatterns; ++p) {
+            seen[t][p] = velk_regex_manager::registerRegex("race-" + std::to_string(p));
+            EXPECT_TRUE(velk_regex_manager::isMatch(seen[t][p], "a race-1 b", 10) == (p == 1));
+        }
+        velk_regex_manager::threadTerminate();
+    });
     for (int p = 0; p < kPatterns; ++p) {
         ASSERT_NE(seen[0][p], nullptr);
         for (int t = 1; t < kThreads; ++t) {

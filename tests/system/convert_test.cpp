@@ -40,50 +40,38 @@ void expectParse(const parse_case& c) {
     }
 }
 
+// Common numbers are compared with the C library in the next test; these
+// are the rules' edges.
 TEST(ToDouble, FollowsEveryRule) {
     const parse_case cases[] = {
         // clang-format off
-        // Integers, and the limits of the two result types; "1844...616" wraps below its start.
-        {"42", value_integer, 42},
+        // The limits of the two result types; "1844...616" wraps below its start.
         {"18446744073709551615", value_unsigned, 18446744073709551615.0},
         {"9223372036854775808", value_unsigned, 9223372036854775808.0},
         {"9223372036854775807", value_integer, 9223372036854775807.0},
         {"-9223372036854775808", value_integer, -9223372036854775808.0},
         {"-9223372036854775809", value_invalid}, {"18446744073709551616", value_invalid},
-        {"99999999999999999999", value_invalid},
         // 20 digits, 19 after "-"; a single leading zero is not counted.
-        {"11111111111111111111", value_unsigned, 11111111111111111111.0},
-        {"-1111111111111111111", value_integer, -1111111111111111111.0},
         {"000000000000000000001", value_integer, 1}, {"0000000000000000000001", value_invalid},
         {"-00000000000000000001", value_integer, -1}, {"-000000000000000000001", value_invalid},
-        {"-11111111111111111111", value_invalid},
-        // Signs.
-        {"+7", value_integer, 7}, {"-7", value_integer, -7}, {"+", value_invalid},
-        {"-", value_invalid}, {"--7", value_invalid}, {"+-7", value_invalid}, {"1-", value_invalid},
-        {"1.5-", value_invalid}, {"- ", value_integer, 0}, {"- 5", value_invalid},
-        // Leading zero.
-        {"0", value_integer, 0}, {"-0", value_integer, 0}, {"+0", value_integer, 0},
-        {"00", value_integer, 0}, {"007", value_integer, 7}, {"0x1", value_invalid},
+        // Signs and zeros.
+        {"+7", value_integer, 7}, {"+", value_invalid}, {"--7", value_invalid},
+        {"1-", value_invalid}, {"- ", value_integer, 0}, {"- 5", value_invalid},
+        {"-0", value_integer, 0}, {"007", value_integer, 7}, {"0x1", value_invalid},
         {"0e1", value_invalid}, {"0 ", value_invalid}, {"0.5", value_real, 0.5},
-        {"-0.5", value_real, -0.5},
         // Blanks: tab, line feed, vertical tab, carriage return, blank; not form feed.
-        {"  7  ", value_integer, 7}, {"\t\n\v\r 7\t\n\v\r ", value_integer, 7},
-        {" ", value_invalid}, {"\f7", value_invalid}, {"7\f", value_invalid},
-        {"7 8", value_invalid}, {" 1.5 ", value_real, 1.5}, {"1.5 x", value_invalid},
+        {"\t\n\v\r 7\t\n\v\r ", value_integer, 7}, {" ", value_invalid},
+        {"\f7", value_invalid}, {"7 8", value_invalid}, {" 1.5 ", value_real, 1.5},
         // Fractions, and other bytes.
-        {"42.0", value_real, 42}, {"5.", value_real, 5}, {"-5.", value_real, -5},
-        {".5", value_real, 0.5}, {".", value_real, 0}, {"3.14159", value_real, 3.14159},
-        {"1..2", value_invalid}, {"1.2.3", value_invalid}, {"1.x", value_invalid},
-        {"1.5+", value_invalid}, {"1x", value_invalid}, {"", value_invalid},
-        {"abc", value_invalid}, {"1\0"s, value_invalid},
+        {"5.", value_real, 5}, {".5", value_real, 0.5}, {".", value_real, 0},
+        {"1..2", value_invalid}, {"1.x", value_invalid}, {"1.5+", value_invalid},
+        {"", value_invalid}, {"1\0"s, value_invalid},
         // Exponents.
-        {"5e2", value_real, 500}, {"5E+2", value_real, 500}, {"-5e-1", value_real, -0.5},
-        {"1.5e1", value_real, 15}, {"5.e1", value_real, 50}, {"5e", value_real, 5},
-        {"5e+", value_real, 5}, {"5e002", value_real, 500}, {"5e0002", value_invalid},
-        {"5e002 ", value_invalid}, {"5e2x", value_real, 500}, {"5e2 ", value_real, 500},
+        {"5E+2", value_real, 500}, {"-5e-1", value_real, -0.5}, {"5.e1", value_real, 50},
+        {"5e", value_real, 5}, {"5e+", value_real, 5}, {"5e002", value_real, 500},
+        {"5e0002", value_invalid}, {"5e002 ", value_invalid}, {"5e2x", value_real, 500},
         {"5e2xy", value_invalid}, {"0.0e5", value_invalid}, {".e5", value_invalid},
-        {"1e308", value_real, 1e308}, {"1e309", value_invalid}, {"1e-308", value_real, 1e-308},
-        {"1e-400", value_real, 0},
+        {"1e308", value_real, 1e308}, {"1e309", value_invalid}, {"1e-400", value_real, 0},
         // Bytes above 0x7F are the digit zero.
         {"\x80", value_integer, 0}, {"1\xff", value_integer, 10}};
     // clang-format on
@@ -126,79 +114,43 @@ void expectUnitParses(bool (*parse)(const std::string&, Out&), const unit_case<O
     EXPECT_EQ(out, c.ok ? c.value : untouched) << '"' << c.text << '"';
 }
 
-TEST(UnitParsers, Bytes) {
-    const auto parse = su::getNumericByteConstant;
-    const unit_case<unsigned long> cases[] = {
-        {"10", true, 10},
-        {"1.5k", true, 1536},
-        {"1 G", true, 1073741824},
-        {"10KB", true, 10240},
-        {"10k", true, 10240},
-        {" 10kilo ", false},  // the number must come first
-        {"10kilo ", true, 10240},
-        {"3M", true, 3145728},
-        {"2t", true, 2199023255552},
-        {"5k\0junk"s, true, 5120},
-        {"8388608T", true, 9223372036854775808ul},
+TEST(UnitParsers, BytesAndTimeTakeTheFirstLetterOfTheirUnit) {
+    // clang-format off
+    const unit_case<unsigned long> bytes[] = {
+        {"10", true, 10}, {"1.5k", true, 1536}, {"1 G", true, 1073741824},
+        {"10kilo ", true, 10240}, {" 10kilo ", false},  // the number must come first
+        {"2t", true, 2199023255552}, {"5k\0junk"s, true, 5120},
         {"16777215.5T", true, 18446743523953737728ul},
         {"16777216T", true, 9223372036854775808ul},  // 2^64 is not detected
-        {"10B", false},
-        {"1P", false},
-        {"", false},
-        {"k", false},
-        {"+5", false},
-        {"1e3", false},
+        {"10B", false}, {"1P", false}, {"k", false}, {"+5", false}, {"1e3", false},
         {"1.2.3k", false}};
-    for (const auto& c : cases) {
-        expectUnitParses(parse, c);
+    const unit_case<unsigned long> times[] = {
+        {"1.5s", true, 1500000000}, {"10", false}, {"1 w", true, 604800000000000},
+        {"2D", true, 172800000000000}, {"3hello", true, 10800000000000},
+        {"5M ", true, 300000000000}, {"5ms", true, 5000000}, {"5min", true, 5000000},
+        {"7n", true, 7}, {"7U", true, 7000}, {"7x", false}, {"-1s", false}};
+    // clang-format on
+    for (const auto& c : bytes) {
+        expectUnitParses(su::getNumericByteConstant, c);
     }
-}
-
-TEST(UnitParsers, Time) {
-    const auto parse = su::getNumericTimeConstant;
-    const unit_case<unsigned long> cases[] = {{"1.5s", true, 1500000000},
-                                              {"10", false},
-                                              {"10 ", false},
-                                              {"1 w", true, 604800000000000},
-                                              {"2D", true, 172800000000000},
-                                              {"3hours", true, 10800000000000},
-                                              {"3hello", true, 10800000000000},
-                                              {"5m", true, 300000000000},
-                                              {"5M ", true, 300000000000},
-                                              {"5ms", true, 5000000},
-                                              {"5min", true, 5000000},
-                                              {"7n", true, 7},
-                                              {"7U", true, 7000},
-                                              {"7x", false},
-                                              {"s", false},
-                                              {"-1s", false}};
-    for (const auto& c : cases) {
-        expectUnitParses(parse, c);
+    for (const auto& c : times) {
+        expectUnitParses(su::getNumericTimeConstant, c);
     }
 }
 
 TEST(UnitParsers, PercentAndMultiplier) {
-    const unit_case<double> percents[] = {{"100", true, 1.0},
-                                          {"50", true, 0.5},
-                                          {"50%", true, 0.5},
-                                          {"0.5", true, 0.5},
-                                          {"0.5%", true, 0.005},
-                                          {"1", true, 0.01},
-                                          {"50 percent", true, 0.5},
-                                          {"50 PERCENT", true, 0.5},
-                                          {"50 per", false},
-                                          {"50%x", true, 0.5},
-                                          {"-5", true, -5},
-                                          {"-50%", true, -0.5},
-                                          {"50 x", false},
-                                          {"", false},
-                                          {"5-5", false}};
+    // clang-format off
+    const unit_case<double> percents[] = {
+        {"50", true, 0.5}, {"50%", true, 0.5}, {"0.5", true, 0.5}, {"0.5%", true, 0.005},
+        {"1", true, 0.01}, {"50 PERCENT", true, 0.5}, {"50 per", false}, {"50%x", true, 0.5},
+        {"-50%", true, -0.5}, {"", false}, {"5-5", false}};
+    const unit_case<double> multipliers[] = {
+        {"x3", false}, {"3", false}, {"2.5Xfoo", true, 2.5}, {"1e1x", true, 10},
+        {" 2 x", true, 2}};
+    // clang-format on
     for (const auto& c : percents) {
         expectUnitParses(su::getNumericPercentConstant, c);
     }
-    const unit_case<double> multipliers[] = {
-        {"3x", true, 3},    {"x3", false},     {"3", false},    {"2.5Xfoo", true, 2.5},
-        {"1e1x", true, 10}, {" 2 x", true, 2}, {"abcx", false}, {"", false}};
     for (const auto& c : multipliers) {
         expectUnitParses(su::getNumericMultiplierConstant, c);
     }
