@@ -52,10 +52,6 @@ unsigned levelIndex(std::uint8_t level) {
     return level == 0 ? 1 : static_cast<unsigned>(std::countr_zero(level)) + 1;
 }
 
-std::uint64_t roundUpToGranule(std::uint64_t size) {
-    return (size + log_stream_traits::granule - 1) & ~(log_stream_traits::granule - 1);
-}
-
 }  // namespace
 
 _velk_logger_impl::_velk_logger_impl()
@@ -145,13 +141,10 @@ velk_logger_tsd_data* _velk_logger_impl::_createData(velk_logger_tsd_data** slot
 }
 
 void _velk_logger_impl::log(const error_id& id, const std::string& text) {
-    log_stream_buffer buffer;
-    if (!text.empty()) {
-        const std::uint64_t length = text.size();
-        buffer = log_stream_buffer::withCapacity(length < 128 ? 128 : roundUpToGranule(length));
-        std::memcpy(buffer.data, text.data(), length);
-        buffer.length = length;
-    }
+    // A first append sizes the buffer exactly as wanted: 128 bytes, or the
+    // length rounded up to 128; an empty text leaves it without memory.
+    log_stream buffer;
+    buffer.append(text.data(), text.size());
     log_with_move(id, std::move(buffer));
 }
 
