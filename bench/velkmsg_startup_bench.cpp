@@ -11,7 +11,9 @@
 // /dev/null, which would flatter it.
 //
 // Defaults (any can be overridden on the command line): 40 repetitions of
-// 0.05 s each, interleaved, aggregates only.
+// 0.05 s each, interleaved, aggregates only. `--also=<label>=<path>` adds
+// `<path> 01-0001` as velkmsg[<label>], to compare other builds of velkmsg
+// in the same run; it may be repeated.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/resource.h>
@@ -25,6 +27,7 @@
 #include <cstdlib>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 extern char** environ;
@@ -107,7 +110,7 @@ class ratio_reporter : public benchmark::ConsoleReporter {
     void Finalize() override {
         ConsoleReporter::Finalize();
         const char* const baselines[] = {"grep_-A4_01-0001", "static_hello"};
-        std::printf("\nmedian ratios (velkmsg / baseline):\n%-20s", "");
+        std::printf("\nmedian ratios (velkmsg / baseline):\n%-28s", "");
         for (const char* baseline : baselines) {
             std::printf(" %18s", baseline);
         }
@@ -116,7 +119,7 @@ class ratio_reporter : public benchmark::ConsoleReporter {
             if (!name.starts_with("velkmsg")) {
                 continue;
             }
-            std::printf("%-20s", name.c_str());
+            std::printf("%-28s", name.c_str());
             for (const char* baseline : baselines) {
                 const auto found = _medians.find(baseline);
                 if (found == _medians.end() || found->second <= 0) {
@@ -144,7 +147,19 @@ int main(int argc, char** argv) {
     for (const char* flag : defaults) {
         arguments.push_back(const_cast<char*>(flag));
     }
-    arguments.insert(arguments.end(), argv + 1, argv + argc);
+    std::vector<command> commands;
+    const std::string_view also = "--also=";
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view argument = argv[i];
+        const auto equals = argument.find('=', also.size());
+        if (!argument.starts_with(also) || equals == std::string_view::npos) {
+            arguments.push_back(argv[i]);
+            continue;
+        }
+        const std::string label(argument.substr(also.size(), equals - also.size()));
+        const std::string path(argument.substr(equals + 1));
+        commands.push_back({"velkmsg[" + label + "]_01-0001", {path, "01-0001"}, 0});
+    }
     int count = static_cast<int>(arguments.size());
     benchmark::Initialize(&count, arguments.data());
     if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
@@ -164,13 +179,13 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    static const command commands[] = {
-        {"velkmsg_01-0001", {VLK_VELKMSG_PATH, "01-0001"}, 0},
-        {"velkmsg_.", {VLK_VELKMSG_PATH, "."}, 0},
-        {"velkmsg_zz", {VLK_VELKMSG_PATH, "zz"}, 1},
-        {"grep_-A4_01-0001", {"grep", "-A4", "01-0001", dump}, 0},
-        {"static_hello", {VLK_STATIC_HELLO_PATH}, 0},
-    };
+    commands.insert(commands.end(), {
+                                        {"velkmsg_01-0001", {VLK_VELKMSG_PATH, "01-0001"}, 0},
+                                        {"velkmsg_.", {VLK_VELKMSG_PATH, "."}, 0},
+                                        {"velkmsg_zz", {VLK_VELKMSG_PATH, "zz"}, 1},
+                                        {"grep_-A4_01-0001", {"grep", "-A4", "01-0001", dump}, 0},
+                                        {"static_hello", {VLK_STATIC_HELLO_PATH}, 0},
+                                    });
     for (const command& run : commands) {
         benchmark::RegisterBenchmark(run.name.c_str(), BM_Process, run)
             ->UseManualTime()

@@ -48,6 +48,9 @@ function(vlk_portable_link target)
     -static-libstdc++ -static-libgcc
     # Drops the shared PCRE, zlib and libm that the archives make unneeded.
     LINKER:--as-needed
+    # libstdc++.a is built with a section per function: what the program
+    # does not call stays out, and with it pages to map and relocate.
+    LINKER:--gc-sections
     ${_vlk_pin_options})
   # The archives come before the shared libraries that vlk's interface names,
   # so they resolve every reference; --as-needed then leaves the shared ones
