@@ -44,6 +44,11 @@ function(vlk_portable_link target)
 
   target_sources(${target} PRIVATE ${PROJECT_SOURCE_DIR}/src/system/portable_link.cpp)
   list(TRANSFORM VLK_PINNED_SYMBOLS PREPEND "LINKER:--wrap=" OUTPUT_VARIABLE _vlk_pin_options)
+  # The static libstdc++, PCRE and zlib call the toolkit's libc wrappers too,
+  # but come after libvlk.a on the link line: the wrappers are pulled in
+  # before, whether or not the program's own code calls them.
+  list(TRANSFORM VLK_WRAPPED_SYMBOLS PREPEND "LINKER:--undefined=__wrap_"
+       OUTPUT_VARIABLE _vlk_keep_options)
   target_link_options(${target} PRIVATE
     -static-libstdc++ -static-libgcc
     # Drops the shared PCRE, zlib and libm that the archives make unneeded.
@@ -51,7 +56,7 @@ function(vlk_portable_link target)
     # libstdc++.a is built with a section per function: what the program
     # does not call stays out, and with it pages to map and relocate.
     LINKER:--gc-sections
-    ${_vlk_pin_options})
+    ${_vlk_pin_options} ${_vlk_keep_options})
   # The archives come before the shared libraries that vlk's interface names,
   # so they resolve every reference; --as-needed then leaves the shared ones
   # out. The two glibc libraries are needed for old hosts although nothing
