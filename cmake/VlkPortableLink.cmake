@@ -12,7 +12,8 @@
 #   2.34 the pinned thread, semaphore and dlsym entries live there;
 # - the program is not position-independent: the loader applies none of the
 #   two thousand relative relocations of a PIE build, and the pages they
-#   would write stay shared with the file, 4% of a `velkmsg 01-0001` run.
+#   would write stay shared with the file: 2 to 4.5% of a `velkmsg 01-0001`
+#   run in the start-up benchmark.
 #   What this gives up is a random load address for the program's own code
 #   (libraries, heap and stack are still placed at random), in a tool that
 #   runs for a millisecond on one argument from the operator.

@@ -32,8 +32,9 @@ namespace vlk {
 // The fixed fragments of a row, built in message order and never released.
 // The catalogue builds 931 row objects before main; with a destructor each,
 // every one registered it with __cxa_atexit (about 30 kB of the heap) and at
-// exit freed its strings one by one: together 4.5% of a whole `velkmsg
-// 01-0001` run, for memory that the end of the process returns anyway. Being
+// exit freed its strings one by one: together 3 to 4.5% of a whole
+// `velkmsg 01-0001` run, for memory that the end of the process returns
+// anyway. Being
 // trivially destructible, a row registers nothing. The texts stay referenced
 // from the row, so leak checkers count them as reachable.
 template <std::size_t N>
