@@ -20,29 +20,39 @@ class _velk_regex_manager_impl {
     // in between, its object wins and ours dies with the local reference:
     // a pattern may be compiled twice but is stored once.
     void* registerRegex(const std::string& pattern) {
+        registry& regexes = *_regexes.init();
         for (;;) {
             vlk::jit_regex_pointer found;
-            if (_regexes.find(pattern, found)) {
+            if (regexes.find(pattern, found)) {
                 return found.get();  // the registry's reference keeps it alive
             }
             vlk::jit_regex_pointer compiled(new vlk::jit_regex(pattern));
             if (compiled->_code == nullptr) {
                 return nullptr;  // not remembered: a later call compiles again
             }
-            if (_regexes.insert(pattern, compiled)) {
+            if (regexes.insert(pattern, compiled)) {
                 return compiled.get();
             }
         }
     }
 
-    std::uint64_t size() const { return _regexes.size(); }
+    std::uint64_t size() const {
+        const registry* regexes = _regexes.get();
+        return regexes == nullptr ? 0 : regexes->size();
+    }
 
   private:
-    // Torn down with no other thread registering or matching, so the map's
-    // destructor drops every expression without a grace period; a clear()
-    // would wait on the map's thread tracker, whose statics may already be
-    // gone at exit.
-    registry _regexes;
+    // The map is built by the first registration, not with the manager: its
+    // first table (1024 buckets and their node pool, about 50 pages written as
+    // it is built) are pages that a process which starts the manager but never
+    // registers, as velkmsg does, need not touch. Racing first registrations
+    // are ordered by the guard, and later ones pay one acquire load.
+    //
+    // Torn down with the manager, with no other thread registering or
+    // matching, so the map's destructor drops every expression without a
+    // grace period; a clear() would wait on the map's thread tracker, whose
+    // statics may already be gone at exit.
+    vlk::system::init_once<registry> _regexes;
 };
 
 // Built on first use, torn down by terminate() or at exit, after which the

@@ -7,7 +7,8 @@
 # Usage: consumer_test.sh <build dir> <config> [flag...]
 # The flags go to every compile and link of the consumers (sanitizers).
 # CMAKE, CXX and OBJDUMP name the tools; WRAPPED_SYMBOLS lists the libc names
-# that the library wraps.
+# that the library wraps. PORTABLE=ON says velkmsg was linked to start on
+# glibc 2.7, which the installed copy must then do too.
 set -euo pipefail
 
 build=$1
@@ -35,6 +36,12 @@ step "installed velkmsg 01-0001"
 "$prefix/bin/velkmsg" 01-0001 >"$work/velkmsg.out" || fail "velkmsg 01-0001 exited with $?"
 grep -qxF "Found 1 error matching '01-0001'." "$work/velkmsg.out" ||
     fail "velkmsg 01-0001 printed no summary of one row: $(cat "$work/velkmsg.out")"
+if [[ ${PORTABLE:-OFF} == ON ]]; then
+    step "installed velkmsg starts on glibc 2.7"
+    # shellcheck disable=SC2086
+    OBJDUMP=${OBJDUMP:-objdump} sh "$here/../system/check_imports.sh" --portable \
+        "$prefix/bin/velkmsg" $WRAPPED_SYMBOLS
+fi
 
 step "consumer through find_package(vlk)"
 "$cmake" -S "$here/consumer" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" \

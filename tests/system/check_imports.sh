@@ -4,11 +4,21 @@
 # wrapper that the program calls must be exported as defined. Prints, for
 # information, the newest GLIBC symbol version the program still needs.
 #
-# Usage: check_imports.sh <program> <wrapped name>...
+# With --portable, the program must also start on glibc 2.7: every version
+# it imports is a GLIBC_<number> no newer than GLIBC_2.7 (no GLIBCXX_ or
+# CXXABI_ of a shared libstdc++, no GLIBC_ABI_DT_RELR), and it needs no
+# shared library beyond those that glibc 2.7 had.
+#
+# Usage: check_imports.sh [--portable] <program> <wrapped name>...
 # OBJDUMP may name the objdump to use.
 set -eu
 
 objdump=${OBJDUMP:-objdump}
+portable=no
+if [ "$1" = --portable ]; then
+    portable=yes
+    shift
+fi
 program=$1
 shift
 
@@ -56,4 +66,36 @@ newest=$(printf '%s\n' "$versions" | tail -n 1)
 echo "GLIBC versions needed: $(printf '%s ' $versions)"
 needers=$(awk -v v="($newest)" '/\*UND\*/ && index($0, v) { printf "%s ", $NF }' "$work/dynamic")
 echo "newest: $newest, needed by: $needers"
+
+if [ "$portable" = yes ]; then
+    # Every version node the program asks for, whatever its library.
+    all=$(grep -F '*UND*' "$work/dynamic" | grep -oE '\([A-Za-z0-9_.]+\)' | tr -d '()' | sort -u)
+    for version in $all; do
+        case $version in
+        GLIBC_[0-9]*)
+            oldest=$(printf '%s\n%s\n' "$version" GLIBC_2.7 | sort -V | tail -n 1)
+            if [ "$oldest" != GLIBC_2.7 ]; then
+                echo "FAIL: $version is newer than GLIBC_2.7 (needed by:$(awk -v v="($version)" \
+                    '/\*UND\*/ && index($0, v) { printf " %s", $NF }' "$work/dynamic"))"
+                status=1
+            fi
+            ;;
+        *)
+            echo "FAIL: imports version $version, which is not glibc's"
+            status=1
+            ;;
+        esac
+    done
+    "$objdump" -p "$program" | awk '$1 == "NEEDED" { print $2 }' >"$work/needed"
+    while read -r library; do
+        case $library in
+        libc.so.6 | libm.so.6 | libpthread.so.0 | libdl.so.2 | librt.so.1 | ld-linux-x86-64.so.2)
+            echo "ok: needs $library" ;;
+        *)
+            echo "FAIL: needs $library, which glibc 2.7 hosts need not have"
+            status=1
+            ;;
+        esac
+    done <"$work/needed"
+fi
 exit $status
