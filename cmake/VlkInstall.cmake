@@ -5,7 +5,12 @@ include(CMakePackageConfigHelpers)
 
 set(VLK_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/vlk)
 
-install(TARGETS velkmsg RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+if(VLK_BUILD_TOOLS OR VLK_BUILD_TESTS)
+  install(TARGETS velkmsg RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  # The manual page carries the version in its footer.
+  configure_file(man/velkmsg.1 ${PROJECT_BINARY_DIR}/man/velkmsg.1 @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/man/velkmsg.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endif()
 install(TARGETS vlk EXPORT vlkTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
 # The public headers, and what the build stages beside them (the catalogue

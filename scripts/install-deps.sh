@@ -8,8 +8,9 @@ set -euo pipefail
 
 # tzdata: the timestamp tests format local time in named zones.
 # rsyslog: the syslog target's test delivers to a daemon of its own.
+# groff-base: the manual page is rendered with warnings on in a test.
 packages=(build-essential cmake pkg-config libpcre3-dev zlib1g-dev
-          libgtest-dev libgmock-dev python3 binutils tzdata rsyslog)
+          libgtest-dev libgmock-dev python3 binutils tzdata rsyslog groff-base)
 for group in "$@"; do
   case "$group" in
     --bench) packages+=(libbenchmark-dev libfmt-dev libconcurrentqueue-dev
