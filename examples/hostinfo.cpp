@@ -1,10 +1,11 @@
 // vlk-hostinfo: runs the toolkit's host probe and prints what it believes
 // about the machine, for an operator checking a host before a server runs.
 //
-// Usage: vlk-hostinfo   (takes up to three seconds when the processor's
-// tick rate has to be measured)
+// Usage: vlk-hostinfo [--help | --version]   (takes up to three seconds when
+// the processor's tick rate has to be measured)
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include <vlk/vlk.hpp>
@@ -12,6 +13,12 @@
 namespace {
 
 namespace sys = vlk::system;
+
+constexpr const char* usageText =
+    "usage: vlk-hostinfo [--help | --version]\n"
+    "Prints what the toolkit's host probe finds: processor and sockets, memory,\n"
+    "limits, kernel and libc versions, clocks. Takes up to three seconds when\n"
+    "the processor's tick rate has to be measured.\n";
 
 std::string version(const sys::system_version& v) {
     return std::to_string(v.major) + "." + std::to_string(v.minor) + "." + std::to_string(v.patch) +
@@ -61,7 +68,19 @@ void printSockets() {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+        std::printf("vlk-hostinfo %s\n", VLK_VERSION_STRING);
+        return 0;
+    }
+    if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
+        std::fputs(usageText, stdout);
+        return 0;
+    }
+    if (argc != 1) {
+        std::fprintf(stderr, "vlk-hostinfo: unknown argument \"%s\"\n%s", argv[1], usageText);
+        return 2;
+    }
     sys::init();
 
     std::printf("Host\n");

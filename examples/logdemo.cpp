@@ -5,6 +5,7 @@
 // its time is up) and ends with a report of each target's state.
 //
 // Usage: vlk-logdemo <config file> [--threads N] [--rate R] [--seconds S]
+//        vlk-logdemo --help | --version
 //
 // The configuration holds one target per section:
 //
@@ -44,6 +45,7 @@ using vlk::velk_logger;
 
 constexpr const char* usageText =
     "usage: vlk-logdemo <config file> [--threads N] [--rate R] [--seconds S]\n"
+    "       vlk-logdemo --help | --version\n"
     "  --threads N   producer threads (1 to 256, default 4)\n"
     "  --rate R      records per second per thread (1 to 10000000, default 1000)\n"
     "  --seconds S   how long to run (default 10); 0 runs until SIGINT or SIGTERM\n"
@@ -648,6 +650,10 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
             std::fputs(usageText, stdout);
+            return 0;
+        }
+        if (std::strcmp(argv[i], "--version") == 0) {
+            std::printf("vlk-logdemo %s\n", VLK_VERSION_STRING);
             return 0;
         }
     }

@@ -54,3 +54,4 @@
 #include <vlk/system/memory_info.hpp>
 #include <vlk/system/string_utils.hpp>
 #include <vlk/system/thread.hpp>
+#include <vlk/version.hpp>

@@ -6,3 +6,12 @@ foreach(logdemo_case records signals refusals)
             $<TARGET_FILE:vlk-logdemo> ${CMAKE_CURRENT_BINARY_DIR})
   set_tests_properties(vlk_logdemo_${logdemo_case} PROPERTIES TIMEOUT 120)
 endforeach()
+
+# --version names the program and the project's version, whatever else is
+# on the command line, and starts no logger.
+add_test(NAME vlk_logdemo_version COMMAND vlk-logdemo --threads 2 --version)
+set_tests_properties(vlk_logdemo_version PROPERTIES
+  PASS_REGULAR_EXPRESSION "^vlk-logdemo ${PROJECT_VERSION}\n$")
+add_test(NAME vlk_logdemo_help COMMAND vlk-logdemo --help)
+set_tests_properties(vlk_logdemo_help PROPERTIES
+  PASS_REGULAR_EXPRESSION "^usage: vlk-logdemo <config file>.*--help \\| --version\n")

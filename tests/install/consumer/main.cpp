@@ -1,12 +1,19 @@
 // Uses the installed toolkit as an outside program would: exits 0 only when
 // row 01-0001 is found alone, with its texts. Building a gzip target, which
-// opens nothing, puts zlib into the link.
+// opens nothing, puts zlib into the link. The build says which version it
+// found (VLK_EXPECTED_VERSION); the generated header must agree.
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include <vlk/vlk.hpp>
 
 int main() {
+    if (std::strcmp(VLK_VERSION_STRING, VLK_EXPECTED_VERSION) != 0) {
+        std::fprintf(stderr, "header version %s, package version %s\n", VLK_VERSION_STRING,
+                     VLK_EXPECTED_VERSION);
+        return 1;
+    }
     vlk::error_manager::init();
     vlk::target_config gzip{{"FileName", {"unused.log.gz"}}};
     vlk::file_logging_info gzipInfo;
