@@ -43,6 +43,19 @@ if [[ ${PORTABLE:-OFF} == ON ]]; then
         "$prefix/bin/velkmsg" $WRAPPED_SYMBOLS
 fi
 
+step "installed manual page and version header"
+[[ -f $prefix/share/man/man1/velkmsg.1 ]] || fail "no share/man/man1/velkmsg.1"
+[[ -f $prefix/include/vlk/version.hpp ]] || fail "no include/vlk/version.hpp"
+
+# The language level reaches CMake consumers as a compile feature (the
+# consumer sets no standard of its own), and pkg-config consumers choose it.
+step "C++20 is a compile feature, not a flag"
+grep -q 'INTERFACE_COMPILE_FEATURES "cxx_std_20"' "$prefix"/lib*/cmake/vlk/vlkTargets.cmake ||
+    fail "the exported vlk::vlk does not require cxx_std_20"
+pc_dir=$(dirname "$(find "$prefix" -name vlk.pc)")
+pc_flags=$(PKG_CONFIG_PATH=$pc_dir pkg-config --cflags --libs vlk)
+[[ $pc_flags != *-std=* ]] || fail "vlk.pc sets the language level: $pc_flags"
+
 step "consumer through find_package(vlk)"
 "$cmake" -S "$here/consumer" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_BUILD_TYPE=RelWithDebInfo
@@ -50,11 +63,11 @@ step "consumer through find_package(vlk)"
 "$work/cmake-consumer/vlk_consumer" || fail "CMake consumer exited with $?"
 
 step "consumer through pkg-config"
-pc_dir=$(dirname "$(find "$prefix" -name vlk.pc)")
+pc_version=$(PKG_CONFIG_PATH=$pc_dir pkg-config --modversion vlk)
 # Word splitting of the flags and of pkg-config's output is intended.
-# shellcheck disable=SC2046,SC2086
-"$cxx" -std=c++20 -O2 -g $flags -o "$work/pc-consumer" "$here/consumer/main.cpp" \
-    $(PKG_CONFIG_PATH=$pc_dir pkg-config --cflags --libs vlk)
+# shellcheck disable=SC2086
+"$cxx" -std=c++20 -O2 -g $flags -DVLK_EXPECTED_VERSION="\"$pc_version\"" \
+    -o "$work/pc-consumer" "$here/consumer/main.cpp" $pc_flags
 "$work/pc-consumer" || fail "pkg-config consumer exited with $?"
 
 step "no wrapped libc name is imported"

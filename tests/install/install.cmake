@@ -4,6 +4,9 @@
 # The consumers get the options this tree gives every object (the sanitizer
 # flags of VLK_SANITIZE): the installed library needs that run time at the
 # consumer's link.
+if(NOT VLK_INSTALL)
+  return()
+endif()
 get_directory_property(_vlk_tree_compile_options DIRECTORY ${PROJECT_SOURCE_DIR} COMPILE_OPTIONS)
 get_directory_property(_vlk_tree_link_options DIRECTORY ${PROJECT_SOURCE_DIR} LINK_OPTIONS)
 set(_vlk_consumer_flags ${_vlk_tree_compile_options} ${_vlk_tree_link_options})
