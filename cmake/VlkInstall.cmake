@@ -38,3 +38,9 @@ file(RELATIVE_PATH VLK_PC_PREFIX_FROM_PCFILEDIR /prefix/${CMAKE_INSTALL_LIBDIR}/
 string(REGEX REPLACE "/$" "" VLK_PC_PREFIX_FROM_PCFILEDIR "${VLK_PC_PREFIX_FROM_PCFILEDIR}")
 configure_file(cmake/vlk.pc.in ${PROJECT_BINARY_DIR}/vlk.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vlk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The licence and the changelog, where Debian keeps a package's documents.
+install(FILES ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+        DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+include(cmake/VlkPackage.cmake)

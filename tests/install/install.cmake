@@ -20,3 +20,12 @@ set_tests_properties(install_consumer PROPERTIES
   LABELS install
   TIMEOUT 300
   ENVIRONMENT "CMAKE=${CMAKE_COMMAND};CXX=${CMAKE_CXX_COMPILER};OBJDUMP=${CMAKE_OBJDUMP};WRAPPED_SYMBOLS=${_vlk_wrapped};PORTABLE=${VLK_PORTABLE_LINK}")
+
+# The Debian package, unpacked and run (package_test.sh).
+add_test(NAME install_package
+         COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/package_test.sh ${PROJECT_BINARY_DIR} ${PROJECT_VERSION}
+                 ${PROJECT_SOURCE_DIR}/tests/catalogue/data/golden/exact_id.out)
+set_tests_properties(install_package PROPERTIES
+  LABELS install
+  TIMEOUT 300
+  ENVIRONMENT "CPACK=${CMAKE_CPACK_COMMAND};OBJDUMP=${CMAKE_OBJDUMP};WRAPPED_SYMBOLS=${_vlk_wrapped};PORTABLE=${VLK_PORTABLE_LINK}")
