@@ -24,7 +24,9 @@
 # Sanitizer builds keep ordinary dynamic linking: the sanitizer run-times are
 # shared libraries that intercept libc by name and expect the shared
 # libstdc++. There VLK_PORTABLE_LINK is OFF and the function does nothing.
-if(VLK_SANITIZE OR VLK_BUILD_FUZZ)
+# So it is when the toolkit is a shared library (BUILD_SHARED_LIBS): velkmsg
+# then needs libvlk.so, which no older host has.
+if(VLK_SANITIZE OR VLK_BUILD_FUZZ OR BUILD_SHARED_LIBS)
   set(VLK_PORTABLE_LINK OFF)
 else()
   set(VLK_PORTABLE_LINK ON)

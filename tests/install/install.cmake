@@ -29,3 +29,16 @@ set_tests_properties(install_package PROPERTIES
   LABELS install
   TIMEOUT 300
   ENVIRONMENT "CPACK=${CMAKE_CPACK_COMMAND};OBJDUMP=${CMAKE_OBJDUMP};WRAPPED_SYMBOLS=${_vlk_wrapped};PORTABLE=${VLK_PORTABLE_LINK}")
+
+# A shared library in a scratch tree (shared_test.sh); it compiles the
+# library once more, so the sanitizer trees skip it as they skip the
+# subproject builds.
+if(NOT VLK_SANITIZE AND NOT VLK_BUILD_FUZZ)
+  add_test(NAME install_shared
+           COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/shared_test.sh ${PROJECT_SOURCE_DIR} ${PROJECT_VERSION}
+                   ${PROJECT_SOURCE_DIR}/tests/catalogue/data/golden/exact_id.out)
+  set_tests_properties(install_shared PROPERTIES
+    LABELS "install;slow"
+    TIMEOUT 900
+    ENVIRONMENT "CMAKE=${CMAKE_COMMAND};CXX=${CMAKE_CXX_COMPILER};OBJDUMP=${CMAKE_OBJDUMP}")
+endif()

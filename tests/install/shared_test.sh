@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# Builds the toolkit as a shared library (BUILD_SHARED_LIBS=ON) in a scratch
+# tree, installs it, and checks the library's SONAME and links, then that
+# velkmsg and the consumer/ program, through find_package(vlk) and through
+# pkg-config, load libvlk.so.<major> and run.
+#
+# Usage: shared_test.sh <source dir> <version> <golden report of 01-0001>
+# CMAKE, CXX and OBJDUMP name the tools.
+set -euo pipefail
+
+source=$1
+version=$2
+golden=$3
+major=${version%%.*}
+cmake=${CMAKE:-cmake}
+cxx=${CXX:-c++}
+objdump=${OBJDUMP:-objdump}
+here=$(cd "$(dirname "$0")" && pwd)
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+
+step() { echo "== $*"; }
+fail() {
+    echo "FAIL: $*"
+    exit 1
+}
+# Fails unless <program> names libvlk.so.<major> among its needed libraries.
+needs_libvlk() {
+    "$objdump" -p "$1" | grep -Eq "^ +NEEDED +libvlk\.so\.$major\$" ||
+        fail "$1 does not need libvlk.so.$major: $("$objdump" -p "$1" | grep NEEDED)"
+}
+
+step "build and install a shared library and velkmsg"
+"$cmake" -S "$source" -B "$work/build" -DBUILD_SHARED_LIBS=ON -DVLK_BUILD_TESTS=OFF \
+    -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_BUILD_TYPE=Debug
+"$cmake" --build "$work/build" -j2 --target vlk velkmsg
+"$cmake" --install "$work/build" --prefix "$prefix"
+
+step "libvlk.so.$version, SONAME libvlk.so.$major"
+libdir=$(dirname "$(find "$prefix" -name "libvlk.so.$version")")
+[[ -d $libdir ]] || fail "no libvlk.so.$version installed"
+"$objdump" -p "$libdir/libvlk.so.$version" | grep -Eq "^ +SONAME +libvlk\.so\.$major\$" ||
+    fail "SONAME is not libvlk.so.$major"
+[[ $(readlink "$libdir/libvlk.so.$major") == "libvlk.so.$version" &&
+    $(readlink "$libdir/libvlk.so") == "libvlk.so.$major" ]] || fail "links: $(ls -l "$libdir")"
+[[ ! -e $libdir/libvlk.a ]] || fail "a static library was installed too"
+
+step "installed velkmsg 01-0001"
+needs_libvlk "$prefix/bin/velkmsg"
+"$prefix/bin/velkmsg" 01-0001 >"$work/velkmsg.out" || fail "velkmsg exited with $?"
+cmp "$golden" "$work/velkmsg.out" || fail "the report differs from $golden"
+
+step "consumer through find_package(vlk)"
+"$cmake" -S "$here/consumer" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_COMPILER="$cxx"
+"$cmake" --build "$work/cmake-consumer"
+needs_libvlk "$work/cmake-consumer/vlk_consumer"
+"$work/cmake-consumer/vlk_consumer" || fail "CMake consumer exited with $?"
+
+step "consumer through pkg-config"
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+# Word splitting of pkg-config's output is intended.
+# shellcheck disable=SC2046
+"$cxx" -std=c++20 -DVLK_EXPECTED_VERSION="\"$version\"" -o "$work/pc-consumer" \
+    "$here/consumer/main.cpp" $(pkg-config --cflags --libs vlk)
+needs_libvlk "$work/pc-consumer"
+LD_LIBRARY_PATH=$libdir "$work/pc-consumer" || fail "pkg-config consumer exited with $?"
