@@ -36,7 +36,7 @@ set_tests_properties(install_package PROPERTIES
 if(NOT VLK_SANITIZE AND NOT VLK_BUILD_FUZZ)
   add_test(NAME install_shared
            COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/shared_test.sh ${PROJECT_SOURCE_DIR} ${PROJECT_VERSION}
-                   ${PROJECT_SOURCE_DIR}/tests/catalogue/data/golden/exact_id.out)
+                   ${VLK_SOVERSION} ${PROJECT_SOURCE_DIR}/tests/catalogue/data/golden/exact_id.out)
   set_tests_properties(install_shared PROPERTIES
     LABELS "install;slow"
     TIMEOUT 900

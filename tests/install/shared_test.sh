@@ -2,16 +2,16 @@
 # Builds the toolkit as a shared library (BUILD_SHARED_LIBS=ON) in a scratch
 # tree, installs it, and checks the library's SONAME and links, then that
 # velkmsg and the consumer/ program, through find_package(vlk) and through
-# pkg-config, load libvlk.so.<major> and run.
+# pkg-config, load libvlk.so.<soversion> and run.
 #
-# Usage: shared_test.sh <source dir> <version> <golden report of 01-0001>
+# Usage: shared_test.sh <source dir> <version> <soversion> <golden report of 01-0001>
 # CMAKE, CXX and OBJDUMP name the tools.
 set -euo pipefail
 
 source=$1
 version=$2
-golden=$3
-major=${version%%.*}
+soversion=$3
+golden=$4
 cmake=${CMAKE:-cmake}
 cxx=${CXX:-c++}
 objdump=${OBJDUMP:-objdump}
@@ -26,10 +26,16 @@ fail() {
     echo "FAIL: $*"
     exit 1
 }
-# Fails unless <program> names libvlk.so.<major> among its needed libraries.
+# Succeeds if objdump -p's output on standard input has the dynamic entry
+# <tag> libvlk.so.<soversion>.
+dynamic_entry() {
+    awk -v tag="$1" -v want="libvlk.so.$soversion" '$1 == tag && $2 == want { found = 1 }
+        END { exit !found }'
+}
+# Fails unless <program> names libvlk.so.<soversion> among its needed libraries.
 needs_libvlk() {
-    "$objdump" -p "$1" | grep -Eq "^ +NEEDED +libvlk\.so\.$major\$" ||
-        fail "$1 does not need libvlk.so.$major: $("$objdump" -p "$1" | grep NEEDED)"
+    "$objdump" -p "$1" | dynamic_entry NEEDED ||
+        fail "$1 does not need libvlk.so.$soversion: $("$objdump" -p "$1" | grep NEEDED)"
 }
 
 step "build and install a shared library and velkmsg"
@@ -38,13 +44,13 @@ step "build and install a shared library and velkmsg"
 "$cmake" --build "$work/build" -j2 --target vlk velkmsg
 "$cmake" --install "$work/build" --prefix "$prefix"
 
-step "libvlk.so.$version, SONAME libvlk.so.$major"
+step "libvlk.so.$version, SONAME libvlk.so.$soversion"
 libdir=$(dirname "$(find "$prefix" -name "libvlk.so.$version")")
 [[ -d $libdir ]] || fail "no libvlk.so.$version installed"
-"$objdump" -p "$libdir/libvlk.so.$version" | grep -Eq "^ +SONAME +libvlk\.so\.$major\$" ||
-    fail "SONAME is not libvlk.so.$major"
-[[ $(readlink "$libdir/libvlk.so.$major") == "libvlk.so.$version" &&
-    $(readlink "$libdir/libvlk.so") == "libvlk.so.$major" ]] || fail "links: $(ls -l "$libdir")"
+"$objdump" -p "$libdir/libvlk.so.$version" | dynamic_entry SONAME ||
+    fail "SONAME is not libvlk.so.$soversion"
+[[ $(readlink "$libdir/libvlk.so.$soversion") == "libvlk.so.$version" &&
+    $(readlink "$libdir/libvlk.so") == "libvlk.so.$soversion" ]] || fail "links: $(ls -l "$libdir")"
 [[ ! -e $libdir/libvlk.a ]] || fail "a static library was installed too"
 
 step "installed velkmsg 01-0001"
