@@ -144,8 +144,12 @@ void follower::run(const volatile int& stop, int pollMillis) {
             _splitter.reset();
             continue;
         }
+        // A rotating writer opens its next file before it flushes and closes
+        // the current one, so the current file is left only when the next
+        // one is seen on two rounds in a row, a poll interval apart.
         const std::string next = _next();
-        if (next.empty()) {
+        if (next.empty() || next != _seenNext) {
+            _seenNext = next;
             sleepMillis(pollMillis);
             continue;
         }

@@ -221,6 +221,7 @@ class follower {
     std::string _next() const;
 
     std::string _path, _directory, _current;
+    std::string _seenNext;  // the next file as the last round saw it
     row_table& _table;
     line_splitter _splitter;
     int _fd = -1;

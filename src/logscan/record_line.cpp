@@ -145,14 +145,15 @@ std::size_t parseTimestamp(std::string_view text, timestamp& out, bool partial) 
         return 0;
     }
     at += 6;
-    if (partial && at == text.size()) {
-        return finish();
-    }
-    if (!charAt(text, at, ':') || !digits(text, at + 1, 2, second) || second > 60) {
+    const bool hasSeconds = charAt(text, at, ':');
+    if (hasSeconds && (!digits(text, at + 1, 2, second) || second > 60)) {
         return 0;
     }
-    at += 3;
-    if (charAt(text, at, '.')) {
+    if (!hasSeconds && !partial) {
+        return 0;
+    }
+    at += hasSeconds ? 3 : 0;
+    if (hasSeconds && charAt(text, at, '.')) {
         // The fraction's digits, however many; the first six are micro-
         // seconds and the rest only more precision than is kept.
         std::size_t count = 0;

@@ -1,0 +1,12 @@
+# vlk-logscan: its unit tests reach the program's units through vlk_logscan;
+# logscan_test.sh drives the program on files that vlk-logdemo writes.
+foreach(logscan_unit record_line_test line_reader_test)
+  target_link_libraries(${logscan_unit} PRIVATE vlk_logscan)
+endforeach()
+
+foreach(logscan_case counts damaged usage follow)
+  add_test(NAME vlk_logscan_${logscan_case}
+    COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/logscan_test.sh ${logscan_case}
+            $<TARGET_FILE:vlk-logscan> $<TARGET_FILE:vlk-logdemo> ${CMAKE_CURRENT_BINARY_DIR})
+  set_tests_properties(vlk_logscan_${logscan_case} PROPERTIES TIMEOUT 120)
+endforeach()
