@@ -10,3 +10,10 @@ foreach(logscan_case counts damaged usage follow)
             $<TARGET_FILE:vlk-logscan> $<TARGET_FILE:vlk-logdemo> ${CMAKE_CURRENT_BINARY_DIR})
   set_tests_properties(vlk_logscan_${logscan_case} PROPERTIES TIMEOUT 120)
 endforeach()
+
+# Two real rsyslogd on loopback forward the demo's syslog records; skipped
+# (77) where no private mount namespace can be made.
+add_test(NAME vlk_logscan_forward
+  COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/forward_test.sh
+          $<TARGET_FILE:vlk-logscan> $<TARGET_FILE:vlk-logdemo>)
+set_tests_properties(vlk_logscan_forward PROPERTIES TIMEOUT 120 SKIP_RETURN_CODE 77)
