@@ -161,8 +161,8 @@ class row_table : public line_consumer {
     const scan_totals& totals() const { return _totals; }
 
     // Called for each selected record as it is counted (follow mode).
-    void (*onRecord)(const row_entry&, const record&, void*) = nullptr;
-    void* onRecordContext = nullptr;
+    void (*onRecord)(const row_entry&, const record&, const void*) = nullptr;
+    const void* onRecordContext = nullptr;
 
   private:
     row_entry& _row(const error_id& id);

@@ -227,9 +227,10 @@ void stopFollowing(int) {
     g_stopFollowing = 1;
 }
 
-void printRecord(const row_entry& row, const record& line, void* json) {
+void printRecord(const row_entry& row, const record& line, const void* settings) {
     std::string out;
-    (json != nullptr ? appendRecordJson : appendRecordText)(out, row, line);
+    (static_cast<const options*>(settings)->json ? appendRecordJson : appendRecordText)(out, row,
+                                                                                        line);
     writeOut(out);
 }
 
@@ -248,7 +249,7 @@ void follow(const options& settings, row_table& table) {
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
     table.onRecord = printRecord;
-    table.onRecordContext = settings.json ? &table : nullptr;
+    table.onRecordContext = &settings;
     followed.run(g_stopFollowing);
     table.onRecord = nullptr;
 }
