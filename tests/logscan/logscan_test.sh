@@ -40,7 +40,7 @@ RotationThreshold = $2
 EOF
 }
 
-# json_field <JSON Lines file> <python expression over `rows` and `summary`>
+# json <JSON Lines file> <python expression over `objects`, `rows` and `summary`>
 json() {
     python3 -c '
 import json, sys
@@ -92,10 +92,12 @@ counts)
         [ "$(json $set.json 'summary["records"], summary["other_lines"], summary["files"]')" = \
           "($total, 0, $(ls $set | wc -l))" ] || fail "$set: summary $(tail -1 $set.json)"
     done
-    # The same records from standard input and behind syslog prefixes.
+    # The same records from standard input (the gzip files joined: one
+    # stream of many members) and behind syslog prefixes.
     cat plain/* | "$scan" --format json >stdin.json
+    cat gz/* | "$scan" --format json >members.json
     sed 's/^/Nov 22 12:00:01 host demo[42]: /' plain/* | "$scan" --format json - >syslog.json
-    for form in stdin syslog; do
+    for form in stdin members syslog; do
         [ "$(json $form.json 'summary["records"]')" = "$total" ] || fail "$form: wrong count"
     done
     # Filters: level, a folded pattern, a time bound, against counts by grep.
@@ -174,16 +176,23 @@ follow)
     await_writer 0.5
     "$scan" --follow plain >follow.txt &
     follower=$!
+    "$scan" --follow --format json plain >follow.json &
+    json_follower=$!
     sleep 2
     kill -TERM $writer && wait $writer
     sleep 1
-    kill -INT $follower
+    kill -INT $follower $json_follower
     wait $follower || fail "status $? after SIGINT"
+    wait $json_follower || fail "JSON: status $? after SIGINT"
     [ "$(ls plain | wc -l)" -gt 2 ] || fail "no rotation while following"
     total=$(cat plain/* | wc -l)
     grep -q "^    RECORDS     : $total selected of $total record lines$" follow.txt ||
         fail "follow summary: $(grep RECORDS follow.txt), $total lines written"
     [ "$(grep -c '^    DESCRIPTION' follow.txt)" -gt 100 ] || fail "records not printed as they came"
+    # In JSON: the rows read at the start, then one object per new record.
+    python3 -m json.tool --json-lines follow.json >/dev/null || fail "follow: invalid JSON"
+    [ "$(json follow.json 'sum(o.get("count", 1) for o in objects if not o.get("summary"))')" = \
+      "$total" ] || fail "follow: JSON rows and records do not add up to $total"
     ;;
 *)
     fail "unknown case $test_case"
