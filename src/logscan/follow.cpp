@@ -31,19 +31,6 @@ std::string shapeOf(std::string_view name) {
     return shape;
 }
 
-std::vector<std::string> regularFiles(const std::string& directory) {
-    std::vector<std::string> names;
-    std::error_code error;
-    for (std::filesystem::directory_iterator it(directory, error), end; !error && it != end;
-         it.increment(error)) {
-        if (it->is_regular_file(error)) {
-            names.push_back(it->path().string());
-        }
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 void sleepMillis(int millis) {
     timespec span{millis / 1000, (millis % 1000) * 1000000L};
     ::nanosleep(&span, nullptr);  // a signal cuts it short, which is wanted
@@ -60,7 +47,7 @@ follower::~follower() {
 bool follower::_open(const std::string& file) {
     _fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
     if (_fd < 0) {
-        std::fprintf(stderr, "vlk-logscan: %s: %s\n", file.c_str(), std::strerror(errno));
+        warn(file, std::strerror(errno));
         ++_table.totals().damaged;
         return false;
     }
@@ -73,7 +60,8 @@ bool follower::_open(const std::string& file) {
 // The first file after the current one in name order that has its shape.
 std::string follower::_next() const {
     const std::string shape = shapeOf(std::filesystem::path(_current).filename().string());
-    for (const auto& name : regularFiles(_directory)) {
+    std::error_code ignored;  // an unreadable directory has no next file
+    for (const auto& name : directoryFiles(_directory, ignored)) {
         if (name > _current && shapeOf(std::filesystem::path(name).filename().string()) == shape) {
             return name;
         }
@@ -86,9 +74,9 @@ bool follower::start() {
     std::vector<std::string> before;
     if (std::filesystem::is_directory(_path, error)) {
         _directory = _path;
-        before = regularFiles(_path);
+        before = directoryFiles(_path, error);
         if (before.empty()) {
-            std::fprintf(stderr, "vlk-logscan: %s: no file to follow\n", _path.c_str());
+            warn(_path, error ? error.message() : "no file to follow");
             return false;
         }
         _current = before.back();
@@ -101,28 +89,14 @@ bool follower::start() {
         _directory.push_back('.');  // not = ".": GCC 12 warns falsely (-Wrestrict)
     }
     for (const auto& file : before) {
-        const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) {
-            std::fprintf(stderr, "vlk-logscan: %s: %s\n", file.c_str(), std::strerror(errno));
-            ++_table.totals().damaged;
-            continue;
-        }
-        ++_table.totals().files;
-        read_problem problem;
-        readStream(fd, _splitter, _table, problem);
-        if (!problem.what.empty()) {
-            std::fprintf(stderr, "vlk-logscan: %s: %s\n", file.c_str(), problem.what.c_str());
-            ++_table.totals().damaged;
-        }
-        ::close(fd);
+        scanFile(file, _splitter, _table);
     }
     if (!_open(_current)) {
         return false;
     }
     unsigned char magic[2] = {};
     if (::pread(_fd, magic, 2, 0) == 2 && magic[0] == 0x1f && magic[1] == 0x8b) {
-        std::fprintf(stderr, "vlk-logscan: %s: a gzip file is not followed, only read\n",
-                     _current.c_str());
+        warn(_current, "a gzip file is not followed, only read");
         read_problem problem;
         readStream(_fd, _splitter, _table, problem);
         return false;

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <unordered_map>
 #include <vector>
 
@@ -194,6 +195,17 @@ void appendJsonString(std::string& out, std::string_view text);
 // object.
 void appendRecordText(std::string& out, const row_entry& row, const record& line);
 void appendRecordJson(std::string& out, const row_entry& row, const record& line);
+
+// ---------------------------------------------------------------------------
+// Named inputs
+
+// Says on standard error what went wrong with a named input.
+void warn(const std::string& name, const std::string& what);
+// The regular files of a directory, in name order.
+std::vector<std::string> directoryFiles(const std::string& path, std::error_code& error);
+// Reads a named file to its end into `table` and counts it; one that cannot
+// be opened, or not read to its end, is named and counted as damaged.
+void scanFile(const std::string& path, line_splitter& splitter, row_table& table);
 
 // ---------------------------------------------------------------------------
 // Follow mode

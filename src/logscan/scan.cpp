@@ -1,7 +1,6 @@
 // vlk-logscan's run: the command line, the inputs in order, the report.
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -128,21 +127,14 @@ bool parseArguments(int argc, char** argv, options& result) {
     return true;
 }
 
-void warn(const std::string& name, const std::string& what) {
-    std::fprintf(stderr, "vlk-logscan: %s: %s\n", name.c_str(), what.c_str());
-}
-
-// The regular files of a directory in name order.
-std::vector<std::string> directoryFiles(const std::string& path, std::error_code& error) {
-    std::vector<std::string> names;
-    for (std::filesystem::directory_iterator it(path, error), end; !error && it != end;
-         it.increment(error)) {
-        if (it->is_regular_file(error)) {
-            names.push_back(it->path().string());
-        }
+// Reads an open input and names it if it could not be read to its end.
+void readNamed(int fd, const std::string& name, line_splitter& splitter, row_table& table) {
+    read_problem problem;
+    readStream(fd, splitter, table, problem);
+    if (!problem.what.empty()) {
+        warn(name, problem.what + "; the lines before it are counted");
+        ++table.totals().damaged;
     }
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 class scanner {
@@ -152,7 +144,8 @@ class scanner {
     // Reads one named input: a file, a directory or "-".
     void input(const std::string& path) {
         if (path == "-") {
-            _stream(STDIN_FILENO, "standard input");
+            ++_table.totals().files;
+            readNamed(STDIN_FILENO, "standard input", _splitter, _table);
             return;
         }
         std::error_code error;
@@ -163,35 +156,14 @@ class scanner {
                 ++_table.totals().damaged;
             }
             for (const auto& file : files) {
-                _file(file);
+                scanFile(file, _splitter, _table);
             }
             return;
         }
-        _file(path);
+        scanFile(path, _splitter, _table);
     }
 
   private:
-    void _file(const std::string& path) {
-        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) {
-            warn(path, std::strerror(errno));
-            ++_table.totals().damaged;
-            return;
-        }
-        _stream(fd, path);
-        ::close(fd);
-    }
-
-    void _stream(int fd, const std::string& name) {
-        ++_table.totals().files;
-        read_problem problem;
-        readStream(fd, _splitter, _table, problem);
-        if (!problem.what.empty()) {
-            warn(name, problem.what + "; the lines before it are counted");
-            ++_table.totals().damaged;
-        }
-    }
-
     row_table& _table;
     line_splitter _splitter;
 };
@@ -252,6 +224,34 @@ void follow(const options& settings, row_table& table) {
     table.onRecordContext = &settings;
     followed.run(g_stopFollowing);
     table.onRecord = nullptr;
+}
+
+void warn(const std::string& name, const std::string& what) {
+    std::fprintf(stderr, "vlk-logscan: %s: %s\n", name.c_str(), what.c_str());
+}
+
+std::vector<std::string> directoryFiles(const std::string& path, std::error_code& error) {
+    std::vector<std::string> names;
+    for (std::filesystem::directory_iterator it(path, error), end; !error && it != end;
+         it.increment(error)) {
+        if (it->is_regular_file(error)) {
+            names.push_back(it->path().string());
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+void scanFile(const std::string& path, line_splitter& splitter, row_table& table) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        warn(path, std::strerror(errno));
+        ++table.totals().damaged;
+        return;
+    }
+    ++table.totals().files;
+    readNamed(fd, path, splitter, table);
+    ::close(fd);
 }
 
 int run(int argc, char** argv) {
