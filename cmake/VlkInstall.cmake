@@ -5,17 +5,19 @@ include(CMakePackageConfigHelpers)
 
 set(VLK_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/vlk)
 
+# The operator's programs and their manual pages.
 if(VLK_BUILD_TOOLS OR VLK_BUILD_TESTS)
-  install(TARGETS velkmsg RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  # Linked to libvlk.so, the installed velkmsg finds it beside itself, in
+  install(TARGETS velkmsg vlk-logscan RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  # Linked to libvlk.so, the installed programs find it beside themselves, in
   # whatever prefix the tree lands.
   if(BUILD_SHARED_LIBS)
     file(RELATIVE_PATH _vlk_lib_from_bin /prefix/${CMAKE_INSTALL_BINDIR} /prefix/${CMAKE_INSTALL_LIBDIR})
-    set_target_properties(velkmsg PROPERTIES INSTALL_RPATH "$ORIGIN/${_vlk_lib_from_bin}")
+    set_target_properties(velkmsg vlk-logscan PROPERTIES INSTALL_RPATH "$ORIGIN/${_vlk_lib_from_bin}")
   endif()
-  # The manual page carries the version in its footer.
+  # velkmsg's page carries the version in its footer.
   configure_file(man/velkmsg.1 ${PROJECT_BINARY_DIR}/man/velkmsg.1 @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/man/velkmsg.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES ${PROJECT_BINARY_DIR}/man/velkmsg.1 ${PROJECT_SOURCE_DIR}/man/vlk-logscan.1
+          DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 install(TARGETS vlk EXPORT vlkTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})

@@ -43,6 +43,11 @@ if [[ ${PORTABLE:-OFF} == ON ]]; then
         "$prefix/bin/velkmsg" $WRAPPED_SYMBOLS
 fi
 
+step "installed vlk-logscan and its man page"
+printf '2026-01-02T03:04:05.1234560 [1] info: 01-0001 text\n' | "$prefix/bin/vlk-logscan" |
+    grep -q '^VELK Message 01-0001 ' || fail "installed vlk-logscan reports no row"
+[[ -f $prefix/share/man/man1/vlk-logscan.1 ]] || fail "no man page for vlk-logscan"
+
 step "installed manual page and version header"
 [[ -f $prefix/share/man/man1/velkmsg.1 ]] || fail "no share/man/man1/velkmsg.1"
 [[ -f $prefix/include/vlk/version.hpp ]] || fail "no include/vlk/version.hpp"

@@ -37,7 +37,8 @@ field() { dpkg-deb --field "$deb" "$1"; }
 
 step "file list"
 dpkg --contents "$deb" | awk '{ print $NF }' >"$work/contents"
-for path in usr/bin/velkmsg usr/share/man/man1/velkmsg.1 usr/include/vlk/vlk.hpp \
+for path in usr/bin/velkmsg usr/share/man/man1/velkmsg.1 usr/bin/vlk-logscan \
+    usr/share/man/man1/vlk-logscan.1 usr/include/vlk/vlk.hpp \
     usr/include/vlk/version.hpp usr/lib/cmake/vlk/vlkConfig.cmake usr/lib/pkgconfig/vlk.pc \
     usr/share/doc/vlk/LICENSE; do
     grep -qxF "./$path" "$work/contents" || fail "the package lacks $path"

@@ -38,10 +38,10 @@ needs_libvlk() {
         fail "$1 does not need libvlk.so.$soversion: $("$objdump" -p "$1" | grep NEEDED)"
 }
 
-step "build and install a shared library and velkmsg"
+step "build and install a shared library and the programs"
 "$cmake" -S "$source" -B "$work/build" -DBUILD_SHARED_LIBS=ON -DVLK_BUILD_TESTS=OFF \
     -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_BUILD_TYPE=Debug
-"$cmake" --build "$work/build" -j2 --target vlk velkmsg
+"$cmake" --build "$work/build" -j2 --target vlk velkmsg vlk-logscan
 "$cmake" --install "$work/build" --prefix "$prefix"
 
 step "libvlk.so.$version, SONAME libvlk.so.$soversion"
