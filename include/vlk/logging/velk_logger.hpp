@@ -253,9 +253,29 @@ class alignas(128) _velk_logger_impl {
         message.buffer = std::move(text);
         message.id = id;
         _logQueue.put(std::move(message));
-        // Relaxed: a count for the wake-up rule only; the queue publishes
-        // the message itself.
-        if ((_messageCount.fetch_add(1, std::memory_order_relaxed) + 1) % 128 == 0) {
+        // Seq_cst: the producer's half of the pair that loses no wake-up;
+        // see _wakeIfAsleep().
+        if ((_messageCount.fetch_add(1, std::memory_order_seq_cst) + 1) % 128 == 0) {
+            _wakeIfAsleep();
+        }
+    }
+
+    // The 128th message's wake, paid only when the logging thread sleeps.
+    //
+    // No lost wake-up. A producer makes its seq_cst add to `_messageCount`
+    // (after its put is complete), then this seq_cst load of `_asleep`. The
+    // logging thread, before it sleeps, makes a seq_cst store of 1 to
+    // `_asleep`, then a seq_cst load of `_messageCount` that it compares
+    // with the records it has taken (_sleepUntilWoken()). All four are in
+    // the one total order of seq_cst operations: if this load reads 0, it
+    // comes before that store, so the add comes before the logging thread's
+    // load, which then sees the message and drains instead of sleeping.
+    // Otherwise this load reads 1 and the post goes out. A stale 1 costs one
+    // spare post and one empty pass, never a message; a message whose count
+    // is not a multiple of 128 waits for the 100 ms tick at the latest, which
+    // also covers any post that the system would fail.
+    void _wakeIfAsleep() {
+        if (_asleep.load(std::memory_order_seq_cst) != 0) {
             ::sem_post(&_wakeup);
         }
     }
@@ -274,7 +294,8 @@ class alignas(128) _velk_logger_impl {
     // 1 while no logging thread runs; start() takes it to 0 and shutdown()
     // back to 1, each by compare-and-swap so that one caller wins.
     std::atomic<std::uint32_t> _stopped{1};
-    // Messages queued; one in 128 posts the semaphore.
+    // Messages queued; one in 128 posts the semaphore, if the logging
+    // thread sleeps. Raised seq_cst by producers (see _wakeIfAsleep()).
     std::atomic<std::uint64_t> _messageCount{0};
     thread _loggingThread;
     std::string _hostname;
@@ -282,10 +303,17 @@ class alignas(128) _velk_logger_impl {
     std::string _programName;
     alignas(128) per_thread_global<velk_logger_tsd_data, false> _tsd;
     alignas(128) sem_t _wakeup;
+    // 1 while the logging thread sleeps on `_wakeup` or does not run, 0
+    // while it drains; producers read it on every 128th message, the
+    // logging thread writes it twice a sleep. See _wakeIfAsleep().
+    std::atomic<std::uint32_t> _asleep{1};
     // Raised at the end of every pass of the logging thread. Release there,
     // acquire in the waiters: a waiter that sees it move sees what the pass
     // did to the targets.
     std::atomic<std::uint64_t> _flushGeneration{0};
+    // Sleeps that ended at the tick rather than by a post; a statistic for
+    // tests and diagnostics, relaxed.
+    std::atomic<std::uint64_t> _tickWakes{0};
     // Non-zero: the targets are to rotate at the next pass.
     std::atomic<std::uint64_t> _rotateRequested{0};
     alignas(128) lock::mutex_lock _tsdLock;  // guards _tsdList
@@ -300,6 +328,9 @@ class alignas(128) _velk_logger_impl {
     base::worklist<velk_logger::logger*> _targetList;
     // Where the logging thread composes each record line; never shrinks.
     log_stream _lineBuffer;
+    // Records taken from the queue; only the thread that drains writes and
+    // reads it (the logging thread, or terminate() once it has stopped).
+    std::uint64_t _takenCount = 0;
     std::map<std::string, velk_logger::target_factory> _targetFactories;
     // The mask willLog reads: all levels until start(), then the union of
     // the targets' levels.
@@ -313,6 +344,8 @@ class alignas(128) _velk_logger_impl {
     velk_logger_tsd_data* _createData(velk_logger_tsd_data** slot);
     void _loggingThreadEntryPoint();
     void _processLogQueue(fast_log_message& message);
+    bool _lingerForWork();
+    void _sleepUntilWoken();
     void _drainQueue(fast_log_message& message);
     void _composeLine(const fast_log_message& message);
     void _releaseTargets();
@@ -362,10 +395,10 @@ void velk_logger::log(const Stream& stream) {
     if (impl == nullptr || !impl->willLog(stream.id())) {
         return;
     }
-    log_stream text(log_stream_buffer::withCapacity(1024));
+    message_text text;
     stream.appendTo(text);
     text.append('\n');
-    impl->log_with_move(stream.id(), std::move(text));
+    impl->log_with_move(stream.id(), text.take());
     if (impl->isFatalError(stream.id())) {
         _declaredFatal();
     }
