@@ -259,11 +259,36 @@ void _velk_logger_impl::_processLogQueue(fast_log_message& message) {
 void _velk_logger_impl::_drainQueue(fast_log_message& message) {
     while (_logQueue.get(message)) {
         ++_takenCount;
+        if (_queueLimit.load(std::memory_order_relaxed) != 0) [[unlikely]] {
+            _releaseQueued(message);
+        }
         _composeLine(message);
         message.buffer.reset();
         for (velk_logger::logger* target : _targetList) {
             target->log(message.id, _lineBuffer.data, _lineBuffer.length);
         }
+    }
+}
+
+// Takes the record out of the queued bytes and, after drops, hands the
+// targets one line that says how many, under the record's own identifier so
+// that it passes the filters of the targets that take the record.
+void _velk_logger_impl::_releaseQueued(const fast_log_message& message) {
+    _queuedBytes.fetch_sub(static_cast<std::int64_t>(message.buffer.capacity + sizeof message),
+                           std::memory_order_relaxed);
+    if (_droppedCount.load(std::memory_order_relaxed) == 0) {
+        return;
+    }
+    const std::uint64_t dropped = _droppedCount.exchange(0, std::memory_order_relaxed);
+    _lineBuffer.length = 0;
+    char* at = _lineBuffer.reserve(33);
+    _lineBuffer.advance(iso_timestamp::serialize_utc_with_offset(at, 32, message.time));
+    const std::string text =
+        " logger: " + std::to_string(dropped) + " records dropped at the queue limit of " +
+        std::to_string(_queueLimit.load(std::memory_order_relaxed)) + " bytes\n";
+    _lineBuffer.append(text.data(), text.size());
+    for (velk_logger::logger* target : _targetList) {
+        target->log(message.id, _lineBuffer.data, _lineBuffer.length);
     }
 }
 
@@ -445,6 +470,12 @@ void velk_logger::addTarget(target_config& config) {
 void velk_logger::addTargetFactory(const std::string& name, target_factory const& factory) {
     if (_velk_logger_impl* impl = _implementation()) {
         impl->addTargetFactory(name, factory);
+    }
+}
+
+void velk_logger::setQueueLimit(std::uint64_t bytes) {
+    if (_velk_logger_impl* impl = _implementation()) {
+        impl->_queueLimit.store(bytes, std::memory_order_relaxed);
     }
 }
 

@@ -74,6 +74,14 @@ class velk_logger {
     // Registers a factory; a name already registered keeps its first one.
     static void addTargetFactory(const std::string& name, target_factory const& factory);
 
+    // Bounds what the queue holds, counted as each record's text capacity
+    // plus its slot: a record that would go past `bytes` is dropped, and the
+    // next record delivered is preceded by a line that says how many were.
+    // 0, the default, queues without bound and drops nothing. Needs init();
+    // set it before anything is logged, since records queued earlier are not
+    // counted. The bound may be passed by one record per producing thread.
+    static void setQueueLimit(std::uint64_t bytes);
+
     // Whether some target may want the row: its level is active or a target
     // names it. False before init().
     static bool willLog(const error_id& id);
@@ -248,6 +256,10 @@ class alignas(128) _velk_logger_impl {
 
     void log(const error_id& id, const std::string& text);
     void log_with_move(const error_id& id, log_stream_buffer&& text) {
+        // Relaxed: a setting made before logging starts; see setQueueLimit().
+        if (_queueLimit.load(std::memory_order_relaxed) != 0 && !_admit(text)) [[unlikely]] {
+            return;
+        }
         fast_log_message message;
         message.tsd = _tsd.get();
         message.buffer = std::move(text);
@@ -278,6 +290,20 @@ class alignas(128) _velk_logger_impl {
         if (_asleep.load(std::memory_order_seq_cst) != 0) {
             ::sem_post(&_wakeup);
         }
+    }
+
+    // Counts the record into the queued bytes, or drops it and counts the
+    // drop. Relaxed throughout: a bound on memory, published by nothing.
+    bool _admit(log_stream_buffer& text) {
+        const auto bytes = static_cast<std::int64_t>(text.capacity + sizeof(fast_log_message));
+        const auto limit = static_cast<std::int64_t>(_queueLimit.load(std::memory_order_relaxed));
+        if (_queuedBytes.load(std::memory_order_relaxed) + bytes > limit) {
+            text.reset();
+            _droppedCount.fetch_add(1, std::memory_order_relaxed);
+            return false;
+        }
+        _queuedBytes.fetch_add(bytes, std::memory_order_relaxed);
+        return true;
     }
 
     void addTarget(target_config& config);
@@ -316,6 +342,13 @@ class alignas(128) _velk_logger_impl {
     std::atomic<std::uint64_t> _tickWakes{0};
     // Non-zero: the targets are to rotate at the next pass.
     std::atomic<std::uint64_t> _rotateRequested{0};
+    // The queued-bytes limit, 0 for none; then the bytes queued under it
+    // (signed: records queued before the limit was set leave it below 0)
+    // and the records dropped since the last notice. All relaxed: see
+    // _admit().
+    alignas(128) std::atomic<std::uint64_t> _queueLimit{0};
+    std::atomic<std::int64_t> _queuedBytes{0};
+    std::atomic<std::uint64_t> _droppedCount{0};
     alignas(128) lock::mutex_lock _tsdLock;  // guards _tsdList
     base::worklist<velk_logger_tsd_data*> _tsdList;
     alignas(128) log_queue _logQueue;
@@ -348,6 +381,7 @@ class alignas(128) _velk_logger_impl {
     void _sleepUntilWoken();
     void _drainQueue(fast_log_message& message);
     void _composeLine(const fast_log_message& message);
+    void _releaseQueued(const fast_log_message& message);
     void _releaseTargets();
     void _waitForPass(std::uint64_t generation);
 };
