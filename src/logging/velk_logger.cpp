@@ -142,11 +142,14 @@ velk_logger_tsd_data* _velk_logger_impl::_createData(velk_logger_tsd_data** slot
 }
 
 void _velk_logger_impl::log(const error_id& id, const std::string& text) {
+    if (_limited() && !_admit(message_text::capacityFor(text.size()))) {
+        return;
+    }
     // A first append sizes the buffer exactly as wanted: 128 bytes, or the
     // length rounded up to 128; an empty text leaves it without memory.
     log_stream buffer;
     buffer.append(text.data(), text.size());
-    log_with_move(id, std::move(buffer));
+    _enqueue(id, std::move(buffer));
 }
 
 bool _velk_logger_impl::start() {
@@ -274,8 +277,7 @@ void _velk_logger_impl::_drainQueue(fast_log_message& message) {
 // targets one line that says how many, under the record's own identifier so
 // that it passes the filters of the targets that take the record.
 void _velk_logger_impl::_releaseQueued(const fast_log_message& message) {
-    _queuedBytes.fetch_sub(static_cast<std::int64_t>(message.buffer.capacity + sizeof message),
-                           std::memory_order_relaxed);
+    _queuedBytes.fetch_sub(_recordBytes(message.buffer.capacity), std::memory_order_relaxed);
     if (_droppedCount.load(std::memory_order_relaxed) == 0) {
         return;
     }

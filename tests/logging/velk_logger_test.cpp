@@ -259,7 +259,8 @@ TEST_F(Logger, SleepingThreadIsWokenByThe128thMessageNotByTheTick) {
 // counts the rest, and one line says how many before the next record
 // delivered, here the first.
 TEST_F(Logger, QueueLimitDropsPastTheLimitAndSaysHowManyBeforeTheNextRecord) {
-    const std::uint64_t perRecord = 128 + sizeof(vlk::_velk_logger_detail::fast_log_message);
+    const std::uint64_t perRecord = vlk::log_stream_allocator::slab_allocator::roundedSize(128) +
+                                    sizeof(vlk::_velk_logger_detail::fast_log_message);
     struct row {
         std::uint64_t limitRecords;  // 0: no limit
         std::size_t logged, kept;

@@ -173,6 +173,13 @@ class message_text {
         advance(1);
     }
     std::uint64_t length() const { return _spill.data == nullptr ? _length : _spill.length; }
+    // The capacity of the buffer that take() will give, and that a text of
+    // `length` bytes gets: none, 128, or the length rounded up to 128.
+    std::uint64_t sizedCapacity() const { return capacityFor(length()); }
+    static std::uint64_t capacityFor(std::uint64_t length) {
+        constexpr std::uint64_t granule = log_stream_traits::granule;
+        return length == 0 ? 0 : (std::max(length, granule) + granule - 1) & ~(granule - 1);
+    }
 
     // The text in a buffer of its own size; this object is left empty.
     log_stream_buffer take() {

@@ -74,8 +74,9 @@ class velk_logger {
     // Registers a factory; a name already registered keeps its first one.
     static void addTargetFactory(const std::string& name, target_factory const& factory);
 
-    // Bounds what the queue holds, counted as each record's text capacity
-    // plus its slot: a record that would go past `bytes` is dropped, and the
+    // Bounds what the queue holds, counted as each record's text block (its
+    // capacity with the allocator's header and rounding) plus its slot: a
+    // record that would go past `bytes` is dropped, and the
     // next record delivered is preceded by a line that says how many were.
     // 0, the default, queues without bound and drops nothing. Needs init();
     // set it before anything is logged, since records queued earlier are not
@@ -256,10 +257,20 @@ class alignas(128) _velk_logger_impl {
 
     void log(const error_id& id, const std::string& text);
     void log_with_move(const error_id& id, log_stream_buffer&& text) {
-        // Relaxed: a setting made before logging starts; see setQueueLimit().
-        if (_queueLimit.load(std::memory_order_relaxed) != 0 && !_admit(text)) [[unlikely]] {
+        if (_limited() && !_admit(text.capacity)) [[unlikely]] {
+            text.reset();
             return;
         }
+        _enqueue(id, std::move(text));
+    }
+    // A stream's text: under a limit, a record to drop never takes memory.
+    void log_text(const error_id& id, message_text& text) {
+        if (_limited() && !_admit(text.sizedCapacity())) [[unlikely]] {
+            return;
+        }
+        _enqueue(id, text.take());
+    }
+    void _enqueue(const error_id& id, log_stream_buffer&& text) {
         fast_log_message message;
         message.tsd = _tsd.get();
         message.buffer = std::move(text);
@@ -292,13 +303,23 @@ class alignas(128) _velk_logger_impl {
         }
     }
 
-    // Counts the record into the queued bytes, or drops it and counts the
-    // drop. Relaxed throughout: a bound on memory, published by nothing.
-    bool _admit(log_stream_buffer& text) {
-        const auto bytes = static_cast<std::int64_t>(text.capacity + sizeof(fast_log_message));
+    // Relaxed: a setting made before logging starts; see setQueueLimit().
+    bool _limited() const { return _queueLimit.load(std::memory_order_relaxed) != 0; }
+
+    // What a queued record holds: its text's block and its slot.
+    static std::int64_t _recordBytes(std::uint64_t capacity) {
+        const std::uint64_t block =
+            capacity == 0 ? 0 : log_stream_allocator::slab_allocator::roundedSize(capacity);
+        return static_cast<std::int64_t>(block + sizeof(fast_log_message));
+    }
+
+    // Counts a record of text `capacity` into the queued bytes, or counts
+    // it as dropped. Relaxed throughout: a bound on memory, which publishes
+    // nothing.
+    bool _admit(std::uint64_t capacity) {
+        const std::int64_t bytes = _recordBytes(capacity);
         const auto limit = static_cast<std::int64_t>(_queueLimit.load(std::memory_order_relaxed));
         if (_queuedBytes.load(std::memory_order_relaxed) + bytes > limit) {
-            text.reset();
             _droppedCount.fetch_add(1, std::memory_order_relaxed);
             return false;
         }
@@ -432,7 +453,7 @@ void velk_logger::log(const Stream& stream) {
     message_text text;
     stream.appendTo(text);
     text.append('\n');
-    impl->log_with_move(stream.id(), text.take());
+    impl->log_text(stream.id(), text);
     if (impl->isFatalError(stream.id())) {
         _declaredFatal();
     }
