@@ -16,9 +16,12 @@
 // take no lock and belong before start() or after shutdown().
 //
 // A call costs one thread-local load, a queue ticket, a turn, one
-// gettimeofday and two atomic increments. The thread is woken by a
-// semaphore once in 128 messages and otherwise every 100 ms, which bounds
-// the delay of delivery. flush() and rotate() wait for one full pass of the
+// gettimeofday and two atomic increments; a stream's text is built on the
+// caller's stack and copied once into a buffer of its own size. The thread
+// is woken by a semaphore once in 128 messages and otherwise every 100 ms,
+// which bounds the delay of delivery; the post is made only while the
+// thread sleeps, and after each pass it polls for 50 us before it does, so
+// a steady stream of calls makes no system call at all. flush() and rotate() wait for one full pass of the
 // logging thread and never return while no logging thread runs.
 //
 // A stream (see error_stream.hpp) is formatted only after the process-wide
