@@ -21,8 +21,8 @@
 // is woken by a semaphore once in 128 messages and otherwise every 100 ms,
 // which bounds the delay of delivery; the post is made only while the
 // thread sleeps, and after each pass it polls for 50 us before it does, so
-// a steady stream of calls makes no system call at all. flush() and rotate() wait for one full pass of the
-// logging thread and never return while no logging thread runs.
+// a steady stream of calls makes no system call at all. flush() and rotate() wait for one full pass
+// of the logging thread and never return while no logging thread runs.
 //
 // A stream (see error_stream.hpp) is formatted only after the process-wide
 // filter has let its row through; a row that any target names in
