@@ -5,6 +5,7 @@
 // its time is up) and ends with a report of each target's state.
 //
 // Usage: vlk-logdemo <config file> [--threads N] [--rate R] [--seconds S]
+//                    [--queue-limit BYTES]
 //
 // The configuration holds one target per section:
 //
@@ -44,9 +45,12 @@ using vlk::velk_logger;
 
 constexpr const char* usageText =
     "usage: vlk-logdemo <config file> [--threads N] [--rate R] [--seconds S]\n"
+    "                   [--queue-limit BYTES]\n"
     "  --threads N   producer threads (1 to 256, default 4)\n"
     "  --rate R      records per second per thread (1 to 10000000, default 1000)\n"
     "  --seconds S   how long to run (default 10); 0 runs until SIGINT or SIGTERM\n"
+    "  --queue-limit BYTES  drop records while the queue holds this much (default\n"
+    "                0: no limit); a line in the log says how many were dropped\n"
     "SIGHUP rotates the targets; SIGINT and SIGTERM stop the program.\n";
 
 // ---------------------------------------------------------------------------
@@ -57,6 +61,7 @@ struct options {
     std::uint64_t threads = 4;
     std::uint64_t rate = 1000;
     std::uint64_t seconds = 10;
+    std::uint64_t queueLimit = 0;
 };
 
 struct numeric_option {
@@ -66,10 +71,11 @@ struct numeric_option {
     std::uint64_t highest;
 };
 
-constexpr std::array<numeric_option, 3> numericOptions{{
+constexpr std::array<numeric_option, 4> numericOptions{{
     {"--threads", &options::threads, 1, 256},
     {"--rate", &options::rate, 1, 10000000},
     {"--seconds", &options::seconds, 0, 31536000},
+    {"--queue-limit", &options::queueLimit, 0, std::uint64_t{1} << 40},
 }};
 
 // A whole decimal number in [lowest, highest], nothing before or after it.
@@ -604,6 +610,7 @@ int run(const options& settings, std::vector<target_section>& sections) {
     vlk::system::init();
     vlk::error_manager::init();
     velk_logger::init();
+    velk_logger::setQueueLimit(settings.queueLimit);
     vlk::system::thread::setThreadTerminateFunction([] { velk_logger::threadTerminate(); });
 
     if (addTargets(sections) == 0) {

@@ -31,6 +31,7 @@ namespace {
 constexpr long k_nanosecondsPerSecond = 1'000'000'000;
 constexpr long k_tickNanoseconds = 100'000'000;  // the logging thread's longest sleep
 constexpr long k_pollNanoseconds = 1'000'000;    // a waiter's sleep between looks
+constexpr double k_lingerNanoseconds = 50'000;   // how long an idle thread polls
 
 void sleepOnePoll() {
     timespec wanted{0, k_pollNanoseconds};
@@ -141,11 +142,14 @@ velk_logger_tsd_data* _velk_logger_impl::_createData(velk_logger_tsd_data** slot
 }
 
 void _velk_logger_impl::log(const error_id& id, const std::string& text) {
+    if (_limited() && !_admit(message_text::capacityFor(text.size()))) {
+        return;
+    }
     // A first append sizes the buffer exactly as wanted: 128 bytes, or the
     // length rounded up to 128; an empty text leaves it without memory.
     log_stream buffer;
     buffer.append(text.data(), text.size());
-    log_with_move(id, std::move(buffer));
+    _enqueue(id, std::move(buffer));
 }
 
 bool _velk_logger_impl::start() {
@@ -163,17 +167,8 @@ void _velk_logger_impl::_loggingThreadEntryPoint() {
     message.buffer = log_stream_buffer::withCapacity(1024);
     for (;;) {
         _processLogQueue(message);
-
-        timespec deadline{};
-        ::clock_gettime(CLOCK_REALTIME, &deadline);
-        deadline.tv_nsec += k_tickNanoseconds;
-        if (deadline.tv_nsec >= k_nanosecondsPerSecond) {
-            deadline.tv_sec += 1;
-            deadline.tv_nsec -= k_nanosecondsPerSecond;
-        }
-        // Woken or timed out alike, the thread goes on; any other failure
-        // counts as a timeout.
-        while (::sem_timedwait(&_wakeup, &deadline) == -1 && errno == EINTR) {
+        if (!_lingerForWork()) {
+            _sleepUntilWoken();
         }
 
         // Acquire: pairs with the release store in rotate(). Taken before
@@ -186,9 +181,65 @@ void _velk_logger_impl::_loggingThreadEntryPoint() {
         // Acquire: pairs with the compare-and-swap in shutdown().
         if (_stopped.load(std::memory_order_acquire) != 0) {
             _processLogQueue(message);
+            // Relaxed: posts that come now reach nobody either way.
+            _asleep.store(1, std::memory_order_relaxed);
             return;
         }
     }
+}
+
+// After a pass, the thread stays awake for a little while: a burst that is
+// still going on finds it polling, and its 128th message then costs its
+// producer no system call. True when work or a post came meanwhile.
+bool _velk_logger_impl::_lingerForWork() {
+    timespec start{};
+    ::clock_gettime(CLOCK_MONOTONIC, &start);
+    for (;;) {
+        for (int i = 0; i < 64; ++i) {
+            if (!_logQueue.empty()) {
+                return true;
+            }
+            __builtin_ia32_pause();
+        }
+        // A flush, rotate or shutdown posts: take the post and go on.
+        if (::sem_trywait(&_wakeup) == 0) {
+            return true;
+        }
+        timespec now{};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        if (secondsBetween(start, now) * 1e9 >= k_lingerNanoseconds) {
+            return false;
+        }
+    }
+}
+
+// Sleeps on the semaphore for at most one tick, unless a message came after
+// the thread said it sleeps; see _wakeIfAsleep() for the argument.
+void _velk_logger_impl::_sleepUntilWoken() {
+    // Seq_cst, store then load: the logging thread's half of the pair with
+    // the producers' add to _messageCount and load of _asleep.
+    _asleep.store(1, std::memory_order_seq_cst);
+    if (_messageCount.load(std::memory_order_seq_cst) == _takenCount) {
+        timespec deadline{};
+        ::clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_nsec += k_tickNanoseconds;
+        if (deadline.tv_nsec >= k_nanosecondsPerSecond) {
+            deadline.tv_sec += 1;
+            deadline.tv_nsec -= k_nanosecondsPerSecond;
+        }
+        // Woken or timed out alike, the thread goes on; any other failure
+        // counts as a timeout.
+        int result = 0;
+        while ((result = ::sem_timedwait(&_wakeup, &deadline)) == -1 && errno == EINTR) {
+        }
+        if (result == -1) {
+            // Relaxed: a statistic.
+            _tickWakes.fetch_add(1, std::memory_order_relaxed);
+        }
+    }
+    // Relaxed: producers that still read 1 post once in vain, which the
+    // next sleep absorbs as one empty pass.
+    _asleep.store(0, std::memory_order_relaxed);
 }
 
 void _velk_logger_impl::_processLogQueue(fast_log_message& message) {
@@ -210,11 +261,36 @@ void _velk_logger_impl::_processLogQueue(fast_log_message& message) {
 
 void _velk_logger_impl::_drainQueue(fast_log_message& message) {
     while (_logQueue.get(message)) {
+        ++_takenCount;
+        if (_queueLimit.load(std::memory_order_relaxed) != 0) [[unlikely]] {
+            _releaseQueued(message);
+        }
         _composeLine(message);
         message.buffer.reset();
         for (velk_logger::logger* target : _targetList) {
             target->log(message.id, _lineBuffer.data, _lineBuffer.length);
         }
+    }
+}
+
+// Takes the record out of the queued bytes and, after drops, hands the
+// targets one line that says how many, under the record's own identifier so
+// that it passes the filters of the targets that take the record.
+void _velk_logger_impl::_releaseQueued(const fast_log_message& message) {
+    _queuedBytes.fetch_sub(_recordBytes(message.buffer.capacity), std::memory_order_relaxed);
+    if (_droppedCount.load(std::memory_order_relaxed) == 0) {
+        return;
+    }
+    const std::uint64_t dropped = _droppedCount.exchange(0, std::memory_order_relaxed);
+    _lineBuffer.length = 0;
+    char* at = _lineBuffer.reserve(33);
+    _lineBuffer.advance(iso_timestamp::serialize_utc_with_offset(at, 32, message.time));
+    const std::string text =
+        " logger: " + std::to_string(dropped) + " records dropped at the queue limit of " +
+        std::to_string(_queueLimit.load(std::memory_order_relaxed)) + " bytes\n";
+    _lineBuffer.append(text.data(), text.size());
+    for (velk_logger::logger* target : _targetList) {
+        target->log(message.id, _lineBuffer.data, _lineBuffer.length);
     }
 }
 
@@ -396,6 +472,12 @@ void velk_logger::addTarget(target_config& config) {
 void velk_logger::addTargetFactory(const std::string& name, target_factory const& factory) {
     if (_velk_logger_impl* impl = _implementation()) {
         impl->addTargetFactory(name, factory);
+    }
+}
+
+void velk_logger::setQueueLimit(std::uint64_t bytes) {
+    if (_velk_logger_impl* impl = _implementation()) {
+        impl->_queueLimit.store(bytes, std::memory_order_relaxed);
     }
 }
 

@@ -34,7 +34,7 @@ struct mpmc_queue_test_access {
     }
     template <typename Queue>
     static void* spareBlock(Queue& queue, unsigned lane) {
-        return queue._lanes[lane]._write._spareBlock.load();
+        return queue._lanes[lane]._write._spareBlocks[0].load();
     }
     template <typename Queue>
     static const typename Queue::value_type& slot(void* block, std::uint64_t index) {
@@ -136,7 +136,7 @@ TEST(MpmcQueue, GetSeesOnlyCompletedPutsAndWaitsForAClaimedTicket) {
     EXPECT_FALSE(queue.get(value));
 }
 
-TEST(MpmcQueue, EmptiedBlockGoesToTheSpareUnlessTheSpareIsTaken) {
+TEST(MpmcQueue, EmptiedBlocksGoToTheTwoSparesAndBeyondThemAreUnmapped) {
     // Every step acts on all 8 lanes alike: 32 tickets are one block each.
     mapping_counter counter;
     small_block_queue queue;
@@ -150,8 +150,11 @@ TEST(MpmcQueue, EmptiedBlockGoesToTheSpareUnlessTheSpareIsTaken) {
         {"spares reused", [](auto& q) { putRange(q, 32, 64); }, {8, 0}},
         {"no spare: new blocks", [](auto& q) { putRange(q, 64, 96); }, {16, 0}},
         {"spares refilled", [](auto& q) { expectRange(q, 32, 32); }, {16, 0}},
-        {"spare taken: unmapped", [](auto& q) { expectRange(q, 64, 32); }, {16, 8}},
-        {"clear unmaps the spares", [](auto& q) { q.clear(); }, {16, 16}},
+        {"second spare kept", [](auto& q) { expectRange(q, 64, 32); }, {16, 0}},
+        {"both spares reused", [](auto& q) { putRange(q, 96, 160); }, {16, 0}},
+        {"spares gone: new blocks", [](auto& q) { putRange(q, 160, 192); }, {24, 0}},
+        {"third emptied: unmapped", [](auto& q) { expectRange(q, 96, 96); }, {24, 8}},
+        {"clear unmaps the spares", [](auto& q) { q.clear(); }, {24, 24}},
     };
     for (const auto& s : steps) {
         s.step(queue);

@@ -225,6 +225,69 @@ TEST_F(Logger, WakesOnEvery128thMessageAndDeliversTheRestOnItsTick) {
     EXPECT_EQ(target.lines().size(), 129U);
 }
 
+// With the thread asleep and no post pending, only the 128th message's post
+// or the tick can end its sleep: the sleep must end without a tick. A tick
+// that falls due within one try fails that try only; a missing post fails
+// them all.
+TEST_F(Logger, SleepingThreadIsWokenByThe128thMessageNotByTheTick) {
+    capture_target& target = addCaptureTarget(config({{"Level", "info"}}));
+    ASSERT_TRUE(velk_logger::start());
+    auto& impl = *velk_logger::_implementation();
+    bool wokenByPost = false;
+    for (int attempt = 0; attempt < 5 && !wokenByPost; ++attempt) {
+        while (impl._messageCount.load() % 128 != 127) {
+            velk_logger::log(infoRow, "filler");
+        }
+        deliver();
+        int posts = -1;
+        while (impl._asleep.load() == 0 || (::sem_getvalue(&impl._wakeup, &posts), posts != 0)) {
+            std::this_thread::yield();
+        }
+        const std::uint64_t ticks = impl._tickWakes.load();
+        const std::size_t before = target.lines().size();
+        velk_logger::log(infoRow, "128th");
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (target.lines().size() == before && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+        }
+        wokenByPost = target.lines().size() > before && impl._tickWakes.load() == ticks;
+    }
+    EXPECT_TRUE(wokenByPost);
+}
+
+// Records queued before start find no consumer: the limit keeps what fits,
+// counts the rest, and one line says how many before the next record
+// delivered, here the first.
+TEST_F(Logger, QueueLimitDropsPastTheLimitAndSaysHowManyBeforeTheNextRecord) {
+    const std::uint64_t perRecord = vlk::log_stream_allocator::slab_allocator::roundedSize(128) +
+                                    sizeof(vlk::_velk_logger_detail::fast_log_message);
+    struct row {
+        std::uint64_t limitRecords;  // 0: no limit
+        std::size_t logged, kept;
+    };
+    for (const row& r : {row{0, 300, 300}, row{10, 25, 10}, row{1, 3, 1}}) {
+        velk_logger::setQueueLimit(r.limitRecords * perRecord);
+        for (std::size_t i = 0; i < r.logged; ++i) {
+            velk_logger::log(infoRow, "queued");
+        }
+        capture_target& target = addCaptureTarget(config({{"Level", "info"}}));
+        ASSERT_TRUE(velk_logger::start());
+        deliver();
+        velk_logger::log(infoRow, "after");
+        deliver();
+        const auto lines = target.lines();
+        const std::size_t notices = r.logged > r.kept ? 1 : 0;
+        ASSERT_EQ(lines.size(), r.kept + notices + 1) << "limit " << r.limitRecords;
+        const std::string notice =
+            " logger: " + std::to_string(r.logged - r.kept) + " records dropped at the queue";
+        EXPECT_EQ(lines[0].text.find(notice) != std::string::npos, notices == 1)
+            << "limit " << r.limitRecords << ": " << lines[0].text;
+        EXPECT_NE(lines.back().text.find("after"), std::string::npos) << lines.back().text;
+        TearDown();
+        SetUp();
+    }
+}
+
 TEST_F(Logger, FlushRotateAndShutdownReachTheTargetsOnce) {
     capture_target& target = addCaptureTarget(config({{"Level", "info"}}));
     velk_logger::shutdown();  // before start: nothing, the target stays

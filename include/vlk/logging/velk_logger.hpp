@@ -16,10 +16,13 @@
 // take no lock and belong before start() or after shutdown().
 //
 // A call costs one thread-local load, a queue ticket, a turn, one
-// gettimeofday and two atomic increments. The thread is woken by a
-// semaphore once in 128 messages and otherwise every 100 ms, which bounds
-// the delay of delivery. flush() and rotate() wait for one full pass of the
-// logging thread and never return while no logging thread runs.
+// gettimeofday and two atomic increments; a stream's text is built on the
+// caller's stack and copied once into a buffer of its own size. The thread
+// is woken by a semaphore once in 128 messages and otherwise every 100 ms,
+// which bounds the delay of delivery; the post is made only while the
+// thread sleeps, and after each pass it polls for 50 us before it does, so
+// a steady stream of calls makes no system call at all. flush() and rotate() wait for one full pass
+// of the logging thread and never return while no logging thread runs.
 //
 // A stream (see error_stream.hpp) is formatted only after the process-wide
 // filter has let its row through; a row that any target names in
@@ -73,6 +76,15 @@ class velk_logger {
     static void addTarget(target_config& config);
     // Registers a factory; a name already registered keeps its first one.
     static void addTargetFactory(const std::string& name, target_factory const& factory);
+
+    // Bounds what the queue holds, counted as each record's text block (its
+    // capacity with the allocator's header and rounding) plus its slot: a
+    // record that would go past `bytes` is dropped, and the
+    // next record delivered is preceded by a line that says how many were.
+    // 0, the default, queues without bound and drops nothing. Needs init();
+    // set it before anything is logged, since records queued earlier are not
+    // counted. The bound may be passed by one record per producing thread.
+    static void setQueueLimit(std::uint64_t bytes);
 
     // Whether some target may want the row: its level is active or a target
     // names it. False before init().
@@ -248,16 +260,74 @@ class alignas(128) _velk_logger_impl {
 
     void log(const error_id& id, const std::string& text);
     void log_with_move(const error_id& id, log_stream_buffer&& text) {
+        if (_limited() && !_admit(text.capacity)) [[unlikely]] {
+            text.reset();
+            return;
+        }
+        _enqueue(id, std::move(text));
+    }
+    // A stream's text: under a limit, a record to drop never takes memory.
+    void log_text(const error_id& id, message_text& text) {
+        if (_limited() && !_admit(text.sizedCapacity())) [[unlikely]] {
+            return;
+        }
+        _enqueue(id, text.take());
+    }
+    void _enqueue(const error_id& id, log_stream_buffer&& text) {
         fast_log_message message;
         message.tsd = _tsd.get();
         message.buffer = std::move(text);
         message.id = id;
         _logQueue.put(std::move(message));
-        // Relaxed: a count for the wake-up rule only; the queue publishes
-        // the message itself.
-        if ((_messageCount.fetch_add(1, std::memory_order_relaxed) + 1) % 128 == 0) {
+        // Seq_cst: the producer's half of the pair that loses no wake-up;
+        // see _wakeIfAsleep().
+        if ((_messageCount.fetch_add(1, std::memory_order_seq_cst) + 1) % 128 == 0) {
+            _wakeIfAsleep();
+        }
+    }
+
+    // The 128th message's wake, paid only when the logging thread sleeps.
+    //
+    // No lost wake-up. A producer makes its seq_cst add to `_messageCount`
+    // (after its put is complete), then this seq_cst load of `_asleep`. The
+    // logging thread, before it sleeps, makes a seq_cst store of 1 to
+    // `_asleep`, then a seq_cst load of `_messageCount` that it compares
+    // with the records it has taken (_sleepUntilWoken()). All four are in
+    // the one total order of seq_cst operations: if this load reads 0, it
+    // comes before that store, so the add comes before the logging thread's
+    // load, which then sees the message and drains instead of sleeping.
+    // Otherwise this load reads 1 and the post goes out. A stale 1 costs one
+    // spare post and one empty pass, never a message; a message whose count
+    // is not a multiple of 128 waits for the 100 ms tick at the latest, which
+    // also covers any post that the system would fail.
+    void _wakeIfAsleep() {
+        if (_asleep.load(std::memory_order_seq_cst) != 0) {
             ::sem_post(&_wakeup);
         }
+    }
+
+    // Relaxed: a setting made before logging starts; see setQueueLimit().
+    bool _limited() const { return _queueLimit.load(std::memory_order_relaxed) != 0; }
+
+    // What a queued record holds: its text's block and its slot.
+    static std::int64_t _recordBytes(std::uint64_t capacity) {
+        const std::uint64_t block =
+            capacity == 0 ? 0 : log_stream_allocator::slab_allocator::roundedSize(capacity);
+        return static_cast<std::int64_t>(block + sizeof(fast_log_message));
+    }
+
+    // Counts a record of text `capacity` into the queued bytes, or counts
+    // it as dropped. Relaxed throughout: a bound on memory, which publishes
+    // nothing.
+    bool _admit(std::uint64_t capacity) {
+        const std::int64_t bytes = _recordBytes(capacity);
+        const auto limit = static_cast<std::int64_t>(_queueLimit.load(std::memory_order_relaxed));
+        if (_queuedBytes.load(std::memory_order_relaxed) + bytes > limit) {
+            _droppedCount.fetch_add(1, std::memory_order_relaxed);
+            return false;
+        }
+        _queuedBytes.fetch_add(bytes, std::memory_order_relaxed);
+        return true;
     }
 
     void addTarget(target_config& config);
@@ -274,7 +344,8 @@ class alignas(128) _velk_logger_impl {
     // 1 while no logging thread runs; start() takes it to 0 and shutdown()
     // back to 1, each by compare-and-swap so that one caller wins.
     std::atomic<std::uint32_t> _stopped{1};
-    // Messages queued; one in 128 posts the semaphore.
+    // Messages queued; one in 128 posts the semaphore, if the logging
+    // thread sleeps. Raised seq_cst by producers (see _wakeIfAsleep()).
     std::atomic<std::uint64_t> _messageCount{0};
     thread _loggingThread;
     std::string _hostname;
@@ -282,12 +353,26 @@ class alignas(128) _velk_logger_impl {
     std::string _programName;
     alignas(128) per_thread_global<velk_logger_tsd_data, false> _tsd;
     alignas(128) sem_t _wakeup;
+    // 1 while the logging thread sleeps on `_wakeup` or does not run, 0
+    // while it drains; producers read it on every 128th message, the
+    // logging thread writes it twice a sleep. See _wakeIfAsleep().
+    std::atomic<std::uint32_t> _asleep{1};
     // Raised at the end of every pass of the logging thread. Release there,
     // acquire in the waiters: a waiter that sees it move sees what the pass
     // did to the targets.
     std::atomic<std::uint64_t> _flushGeneration{0};
+    // Sleeps that ended at the tick rather than by a post; a statistic for
+    // tests and diagnostics, relaxed.
+    std::atomic<std::uint64_t> _tickWakes{0};
     // Non-zero: the targets are to rotate at the next pass.
     std::atomic<std::uint64_t> _rotateRequested{0};
+    // The queued-bytes limit, 0 for none; then the bytes queued under it
+    // (signed: records queued before the limit was set leave it below 0)
+    // and the records dropped since the last notice. All relaxed: see
+    // _admit().
+    alignas(128) std::atomic<std::uint64_t> _queueLimit{0};
+    std::atomic<std::int64_t> _queuedBytes{0};
+    std::atomic<std::uint64_t> _droppedCount{0};
     alignas(128) lock::mutex_lock _tsdLock;  // guards _tsdList
     base::worklist<velk_logger_tsd_data*> _tsdList;
     alignas(128) log_queue _logQueue;
@@ -300,6 +385,9 @@ class alignas(128) _velk_logger_impl {
     base::worklist<velk_logger::logger*> _targetList;
     // Where the logging thread composes each record line; never shrinks.
     log_stream _lineBuffer;
+    // Records taken from the queue; only the thread that drains writes and
+    // reads it (the logging thread, or terminate() once it has stopped).
+    std::uint64_t _takenCount = 0;
     std::map<std::string, velk_logger::target_factory> _targetFactories;
     // The mask willLog reads: all levels until start(), then the union of
     // the targets' levels.
@@ -313,8 +401,11 @@ class alignas(128) _velk_logger_impl {
     velk_logger_tsd_data* _createData(velk_logger_tsd_data** slot);
     void _loggingThreadEntryPoint();
     void _processLogQueue(fast_log_message& message);
+    bool _lingerForWork();
+    void _sleepUntilWoken();
     void _drainQueue(fast_log_message& message);
     void _composeLine(const fast_log_message& message);
+    void _releaseQueued(const fast_log_message& message);
     void _releaseTargets();
     void _waitForPass(std::uint64_t generation);
 };
@@ -362,10 +453,10 @@ void velk_logger::log(const Stream& stream) {
     if (impl == nullptr || !impl->willLog(stream.id())) {
         return;
     }
-    log_stream text(log_stream_buffer::withCapacity(1024));
+    message_text text;
     stream.appendTo(text);
     text.append('\n');
-    impl->log_with_move(stream.id(), std::move(text));
+    impl->log_text(stream.id(), text);
     if (impl->isFatalError(stream.id())) {
         _declaredFatal();
     }

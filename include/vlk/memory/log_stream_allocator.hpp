@@ -39,7 +39,10 @@ struct log_stream_allocator_traits {
     static constexpr std::uint64_t header_bytes = 32;
     // Start value of the slab size; the first slab is twice this.
     static constexpr std::uint64_t first_slab_size = 65536;
-    static constexpr std::uint64_t largest_slab_size = 67108864;
+    // 4 MiB: a thread keeps at most its open slab and one emptied one, so
+    // this bounds what a thread holds once a backlog has drained, while a
+    // backlog costs one mapping per 4 MiB of text.
+    static constexpr std::uint64_t largest_slab_size = 4194304;
     // A page-rounded request above this gets its own mapping.
     static constexpr std::uint64_t large_threshold = 1048576;
     // A slab with less than this left after an allocation is retired.
