@@ -1,11 +1,27 @@
 #include <vlk/logging/gzip_logger.hpp>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <vlk/logging/file_logger.hpp>
 #include <vlk/system/convert.hpp>
 #include <vlk/system/directory.hpp>
 
 namespace vlk {
 namespace _gzip_logger_detail {
+namespace {
+
+using _file_logger_detail::coarseNanoseconds;
+
+// Free space is looked at no more often than this, as by the file target.
+constexpr std::int64_t spaceCheckInterval = 5;
+constexpr std::int64_t openRetryNanoseconds = 1'000'000'000;
+
+std::int64_t coarseSeconds() {
+    return coarseNanoseconds() / 1'000'000'000;
+}
+
+}  // namespace
 
 std::string gzip_logger_impl::constructFileName() const {
     return _file_logger_detail::expandFileName(_fileNamePattern, _rotationCount);
@@ -18,25 +34,121 @@ void gzip_logger_impl::openOrSwitchFile() {
     directory::createHierarchy(directory::dirname(name), error);
 
     // gzclose ends the compressed stream, so nothing is flushed before it.
+    // A member that failed is finished by hand once its stream is closed.
     if (name == _currentFileName && _rotationCount != 0) {
         if (_file != nullptr) {
             _bytesWritten = 0;
             gzclose(_file);
             _file = nullptr;
+            _finishBrokenMember();
         }
         _file = gzopen(_currentFileName.c_str(), "wb");
+        _lastOpenFailed = _file == nullptr;
     } else if (gzFile opened = gzopen(name.c_str(), "a"); opened != nullptr) {
         if (_file != nullptr) {
             _bytesWritten = 0;
             gzclose(_file);
+            _finishBrokenMember();
         }
         _currentFileName = name;
         _file = opened;
+        _lastOpenFailed = false;
+    } else {
+        _lastOpenFailed = true;
+    }
+    _lastOpenTry = coarseNanoseconds();
+    if (!_lastOpenFailed) {
+        _startMember();
     }
     ++_rotationCount;  // also on failure, so that the next name differs
     // A position in the uncompressed data, 0 after any open. zlib answers -1
     // for a null handle, so with no file open the count is all ones.
     _bytesWritten = static_cast<std::uint64_t>(gztell(_file));
+}
+
+void gzip_logger_impl::_startMember() {
+    _writeFailed = false;
+    _member = member_state{};
+    // "a" opens at the end of the file: the new member starts there.
+    _member.start = gzoffset(_file);
+    _member.flushedOffset = _member.start;
+    _member.crc = _member.flushedCrc = crc32(0, nullptr, 0);
+}
+
+void gzip_logger_impl::_finishBrokenMember() {
+    if (!_writeFailed) {
+        return;
+    }
+    _writeFailed = false;
+    const member_state& member = _member;
+    // A sync flush ends on a byte boundary after complete blocks, so what
+    // the file held at the last one is a valid start of a deflate stream.
+    const bool kept = member.flushedOffset > member.start;
+    if (::truncate(_currentFileName.c_str(), kept ? member.flushedOffset : member.start) != 0 ||
+        !kept) {
+        return;
+    }
+    // A stored block, final and empty, then the CRC-32 and the length
+    // modulo 2^32 of the text, both little-endian.
+    unsigned char tail[13] = {0x01, 0x00, 0x00, 0xFF, 0xFF};
+    for (int i = 0; i < 4; ++i) {
+        tail[5 + i] = static_cast<unsigned char>(member.flushedCrc >> (8 * i));
+        tail[9 + i] = static_cast<unsigned char>(member.flushedLength >> (8 * i));
+    }
+    const int file = ::open(_currentFileName.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    if (file >= 0) {
+        [[maybe_unused]] const ssize_t written = ::write(file, tail, sizeof tail);
+        ::close(file);
+    }
+}
+
+bool gzip_logger_impl::_mayTryOpen() const {
+    return !_lastOpenFailed || coarseNanoseconds() - _lastOpenTry >= openRetryNanoseconds;
+}
+
+void gzip_logger_impl::_failed() {
+    _writeFailed = true;
+    _lastSpaceCheck = coarseSeconds();
+    // Whatever went in after the last sync flush is cut off with the member.
+    _droppedLines += _member.linesSinceFlush;
+    _member.linesSinceFlush = 0;
+}
+
+bool gzip_logger_impl::_write(const char* text, unsigned long length) {
+    // zlib takes a 32-bit length: a longer record is cut.
+    const auto taken = static_cast<unsigned>(length);
+    if (taken != 0 && gzwrite(_file, text, taken) == 0) {
+        _failed();
+        return false;
+    }
+    _member.crc = crc32(_member.crc, reinterpret_cast<const Bytef*>(text), taken);
+    _member.length += taken;
+    if (taken != 0) {
+        _member.lastByte = text[taken - 1];
+    }
+    return true;
+}
+
+bool gzip_logger_impl::_resume(unsigned long length) {
+    const std::int64_t now = coarseSeconds();
+    if (now - _lastSpaceCheck <= spaceCheckInterval) {
+        return false;
+    }
+    if (directory::getFreeSpace(_currentFileName) <= length) {
+        _lastSpaceCheck = now;
+        return false;
+    }
+    const bool cutLine = _member.flushedOffset > _member.start && _member.flushedLastByte != '\n';
+    gzclose(_file);
+    _finishBrokenMember();
+    _file = gzopen(_currentFileName.c_str(), "a");
+    _lastOpenFailed = _file == nullptr;
+    _lastOpenTry = coarseNanoseconds();
+    if (_file == nullptr) {
+        return false;
+    }
+    _startMember();
+    return !cutLine || _write("\n", 1);
 }
 
 bool gzip_logger_impl::init() {
@@ -52,20 +164,53 @@ void gzip_logger_impl::log(const error_id& id, const char* line, unsigned long l
     if (!_accepts(id)) {
         return;
     }
-    while (_bytesWritten > _rotationThreshold) {
+    // A new file that does not open leaves the old one in use, and is tried
+    // again a second later; so is a missing file.
+    while (_bytesWritten > _rotationThreshold && _mayTryOpen()) {
         rotate();
     }
-    // zlib takes a 32-bit length: a longer record is cut. Its failures, a null
-    // handle included, are not looked at.
-    gzwrite(_file, line, static_cast<unsigned>(length));
+    if (_file == nullptr && _mayTryOpen()) {
+        rotate();
+    }
+    if (_file == nullptr || (_writeFailed && !_resume(length))) {
+        ++_droppedLines;
+        return;
+    }
+    if (_droppedLines != 0) {
+        const std::string notice =
+            _file_logger_detail::droppedLinesNotice(line, length, _droppedLines, _currentFileName);
+        // Told lines count as lost again if the member fails before a flush.
+        const std::uint64_t told = _droppedLines;
+        _droppedLines = 0;
+        if (!_write(notice.data(), notice.size())) {
+            _droppedLines += told + 1;
+            return;
+        }
+        _member.linesSinceFlush += told;
+    }
+    if (_write(line, length)) {
+        ++_member.linesSinceFlush;
+    } else {
+        ++_droppedLines;
+    }
     // What zlib has put into the file so far; data still in its buffers
     // counts once a flush has pushed it out.
     _bytesWritten = static_cast<std::uint64_t>(gzoffset(_file));
 }
 
 void gzip_logger_impl::flush() {
-    // A null handle makes zlib return an error, which changes nothing here.
-    gzflush(_file, Z_SYNC_FLUSH);
+    if (_file == nullptr || _writeFailed) {
+        return;
+    }
+    if (gzflush(_file, Z_SYNC_FLUSH) != Z_OK) {
+        _failed();
+        return;
+    }
+    _member.flushedOffset = gzoffset(_file);
+    _member.flushedCrc = _member.crc;
+    _member.flushedLength = _member.length;
+    _member.flushedLastByte = _member.lastByte;
+    _member.linesSinceFlush = 0;
 }
 
 void gzip_logger_impl::shutdown() {
@@ -73,6 +218,7 @@ void gzip_logger_impl::shutdown() {
         _bytesWritten = 0;
         gzclose(_file);
         _file = nullptr;
+        _finishBrokenMember();
     }
 }
 

@@ -1,7 +1,6 @@
 #include <vlk/logging/file_logger.hpp>
 
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -158,15 +157,11 @@ TEST_F(FileLogger, FullDeviceSuspendsWriting) {
 
 // Moves the last look at free space back instead of waiting for the clock.
 TEST_F(FileLogger, FullFileSystemDropsLinesUntilSpaceIsFreed) {
-    const std::string mountPoint = _root + "/mnt";
-    fs::create_directory(mountPoint);
-    if (::mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=64k") != 0) {
+    const vlk_test::small_tmpfs disk(_root + "/mnt", "size=64k");
+    if (!disk.mounted) {
         GTEST_SKIP() << "cannot mount a tmpfs here";
     }
-    struct unmount {
-        std::string path;
-        ~unmount() { ::umount2(path.c_str(), MNT_DETACH); }
-    } unmountAtEnd{mountPoint};
+    const std::string& mountPoint = disk.path;
     vlk_test::writeFile(mountPoint + "/filler", std::string(60 * 1024, 'f'));  // a page is left
 
     made file = make({{"FileName", {mountPoint + "/a.log"}}});

@@ -117,4 +117,45 @@ TEST_F(GzipLogger, SyncFlushAndRestartKeepEveryRecordReadable) {
     EXPECT_EQ(numbered.impl()._fileNamePattern, "%Y-%m-%dT%H:%M:%S-%n.log.gz");
 }
 
+// A full disk breaks the member being written; once there is room again it
+// is finished at its last sync flush and writing goes on in a new member.
+TEST_F(GzipLogger, FullDiskResumesInANewMemberThatGzipAccepts) {
+    const vlk_test::small_tmpfs disk(_root + "/mnt", "size=64k");
+    if (!disk.mounted) {
+        GTEST_SKIP() << "cannot mount a tmpfs here";
+    }
+    vlk_test::writeFile(disk.path + "/filler", std::string(60 * 1024, 'f'));
+    made file = make({{"FileName", {disk.path + "/g.log.gz"}}});
+    ASSERT_TRUE(file.target->init());
+    std::mt19937_64 random(7);  // hexadecimal noise compresses to about half
+    int logged = 0;
+    for (; logged < 2000 && !file.impl()._writeFailed; ++logged) {
+        char line[64];
+        std::snprintf(line, sizeof line, "%04d %016lx%016lx\n", logged, random(), random());
+        file.log(line);
+        if (logged % 20 == 19) {
+            file.target->flush();
+        }
+    }
+    ASSERT_TRUE(file.impl()._writeFailed);
+    file.log("dropped\n");
+    fs::remove(disk.path + "/filler");
+    file.log("dropped too\n");  // within 6 seconds of the failure: no look
+    EXPECT_TRUE(file.impl()._writeFailed);
+    file.impl()._lastSpaceCheck -= 6;
+    file.log("resumed\n");
+    file.target->shutdown();
+
+    EXPECT_EQ(std::system(("gzip -t " + disk.path + "/g.log.gz").c_str()), 0);
+    const std::string text = gunzip(disk.path + "/g.log.gz");
+    const std::size_t kept = text.find(" [0] warning: 00-0000 ");
+    ASSERT_NE(kept, std::string::npos) << text;
+    // Whole records, then the notice at the start of a line, then the line.
+    EXPECT_EQ(kept % 38, 0u);
+    const std::uint64_t lost = logged - kept / 38 + 2;
+    EXPECT_EQ(text.substr(kept), " [0] warning: 00-0000 " + std::to_string(lost) +
+                                     " lines were dropped while " + disk.path +
+                                     "/g.log.gz could not be written\nresumed\n");
+}
+
 }  // namespace
