@@ -263,4 +263,27 @@ base::shared_pointer<velk_logger::logger> file_logger::factory(target_config& co
     return owner;
 }
 
+void file_logger::checkConfig(const target_config& config, std::vector<std::string>& problems) {
+    unsigned long threshold = 0;
+    if (const auto found = config.find("RotationThreshold");
+        found != config.end() && !found->second.text().empty() &&
+        !string_utils::getNumericByteConstant(found->second.text(), threshold)) {
+        problems.push_back("\"RotationThreshold\": \"" + found->second.text() +
+                           "\" is not a size (a number, then nothing or K, M, G or T for powers "
+                           "of 1024); the file is never rotated by size");
+    }
+    if (const auto found = config.find("FileName");
+        found != config.end() && !found->second.text().empty()) {
+        // The directory is made as the file opens, and only of these characters.
+        const std::string directory =
+            directory::dirname(_file_logger_detail::expandFileName(found->second.text(), 0));
+        if (directory.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                        "0123456789_-./") != std::string::npos) {
+            problems.push_back("\"FileName\": the directory \"" + directory +
+                               "\" has a character other than letters, digits, \"_\", \"-\", "
+                               "\".\" and \"/\", so it is not created");
+        }
+    }
+}
+
 }  // namespace vlk

@@ -28,6 +28,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include <vlk/logging/target.hpp>
 
@@ -95,6 +96,9 @@ struct file_logger {
     // Builds a file target from "RotationThreshold", "FileName" and the
     // common keys. Opens nothing.
     static base::shared_pointer<velk_logger::logger> factory(target_config& config);
+    // Appends a sentence for each of "RotationThreshold" and "FileName" that
+    // the factory would not take as meant. Also for the gzip target.
+    static void checkConfig(const target_config& config, std::vector<std::string>& problems);
 };
 
 }  // namespace vlk

@@ -37,6 +37,7 @@
 #include <new>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <vlk/catalogue/error_id.hpp>
 #include <vlk/catalogue/error_manager.hpp>
@@ -73,6 +74,15 @@ class velk_logger {
     static void addTarget(target_config& config);
     // Registers a factory; a name already registered keeps its first one.
     static void addTargetFactory(const std::string& name, target_factory const& factory);
+    // The problems of one target's configuration, each a sentence that
+    // names its key: no or an unknown "Protocol", keys the protocol does not
+    // read, values that do not parse, level names that are not exact, row
+    // patterns that do not compile or name no row. Empty when all is well.
+    // Stricter than addTarget, which reads what it can and says nothing (it
+    // takes "Level = errant" for error and "Level = loud" for no level).
+    // Keys of a protocol registered by the program are not judged. Rows are
+    // looked up in the catalogue, so error_manager::init() comes first.
+    static std::vector<std::string> checkTargetConfig(const target_config& config);
 
     // Whether some target may want the row: its level is active or a target
     // names it. False before init().
