@@ -168,6 +168,8 @@ class velk_logger {
     static system::init_once<_velk_logger_detail::_velk_logger_impl> _instance;
     static inline std::atomic<_velk_logger_detail::_velk_logger_impl*> _impl{nullptr};
     static inline std::atomic<std::uint8_t> _shutdownInitiated{0};
+    // Set on a thread that has entered abort(), which never returns.
+    static inline thread_local bool _endingProcess = false;
 };
 
 namespace _velk_logger_detail {
@@ -376,7 +378,7 @@ void velk_logger::log(const Stream& stream) {
     stream.appendTo(text);
     text.append('\n');
     impl->log_with_move(stream.id(), std::move(text));
-    if (impl->isFatalError(stream.id())) {
+    if (impl->isFatalError(stream.id()) && !_endingProcess) {
         _declaredFatal();
     }
 }
@@ -393,13 +395,17 @@ void velk_logger::logWithBacktrace(const Stream& stream) {
     imbueBackTrace(text);
     impl->log_with_move(stream.id(), std::move(text));
     flush(5000);
-    if (impl->isFatalError(stream.id())) {
+    if (impl->isFatalError(stream.id()) && !_endingProcess) {
         _declaredFatal();
     }
 }
 
 template <typename Stream>
 void velk_logger::abort(const Stream& stream) {
+    // The record below may itself be a fatal row (00-0041 listed in
+    // "FatalErrors"), and so may the first record of a thread: this thread
+    // is already on its way out, so they are logged and not obeyed again.
+    _endingProcess = true;
     const int mode = _abortMode();
     if (_implementation() == nullptr) {
         _velk_logger_detail::fixed_text text;
@@ -412,6 +418,9 @@ void velk_logger::abort(const Stream& stream) {
     } else {
         log(stream);
     }
+    // The first pass may have begun before the record went in; the second
+    // began after it, so the record has reached the targets.
+    flush();
     flush();
     _end(mode);
 }
