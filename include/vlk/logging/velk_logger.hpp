@@ -114,9 +114,10 @@ class velk_logger {
     static void imbueBackTrace(log_stream& stream);
 
     // Wait for one pass of the logging thread: without limit, or for at
-    // most `milliseconds`. Never call them on the logging thread.
+    // most `milliseconds`, true if a pass ended in time. Never call them on
+    // the logging thread.
     static void flush();
-    static void flush(unsigned long milliseconds);
+    static bool flush(unsigned long milliseconds);
     // Asks every target to rotate and waits for one pass.
     static void rotate();
 
@@ -126,6 +127,16 @@ class velk_logger {
     // Delivers what is queued, joins the thread, shuts the targets down and
     // releases them. Nothing before start().
     static void shutdown();
+    // The same, but waits at most `milliseconds` for the logging thread's
+    // last pass, which a stalled target (a full pipe nobody reads) can hold
+    // up for ever. False when the thread has not ended in time: it and the
+    // targets are left as they are, and a later shutdown() or terminate()
+    // waits for it without limit. A process that cannot wait ends with
+    // _exit, since static destruction would tear down the logger under the
+    // running thread. True when the logger is stopped.
+    static bool shutdown(unsigned long milliseconds);
+    // Records queued and not yet taken by the logging thread.
+    static std::uint64_t queuedCount();
     // Writes what is still queued to standard error ("error" and above),
     // destroys the logger and ends the allocator. Nothing may log afterwards.
     static void terminate();
@@ -241,9 +252,10 @@ class alignas(128) _velk_logger_impl {
     void init();
     bool start();
     void flush();
-    void _flush(unsigned long milliseconds);
+    bool _flush(unsigned long milliseconds);
     void rotate();
     void shutdown();
+    bool shutdown(unsigned long milliseconds);
     void terminate();
 
     bool willLog(const error_id& id) const {
@@ -286,6 +298,12 @@ class alignas(128) _velk_logger_impl {
     // 1 while no logging thread runs; start() takes it to 0 and shutdown()
     // back to 1, each by compare-and-swap so that one caller wins.
     std::atomic<std::uint32_t> _stopped{1};
+    // Set by the logging thread as it returns, cleared by start(). Release
+    // there, acquire in the timed shutdown: seen set, the join is immediate.
+    std::atomic<bool> _threadEnded{false};
+    // A timed shutdown stopped the thread but did not see it end; only the
+    // thread that shuts down reads and writes it.
+    bool _joinPending = false;
     // Messages queued; one in 128 posts the semaphore.
     std::atomic<std::uint64_t> _messageCount{0};
     thread _loggingThread;
@@ -328,6 +346,9 @@ class alignas(128) _velk_logger_impl {
     void _drainQueue(fast_log_message& message);
     void _composeLine(const fast_log_message& message);
     void _releaseTargets();
+    // After the thread has been told to stop: join it, shut the targets
+    // down and release them.
+    void _joinAndRelease();
     void _waitForPass(std::uint64_t generation);
 };
 
