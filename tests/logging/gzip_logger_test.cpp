@@ -109,6 +109,21 @@ TEST_F(GzipLogger, SyncFlushAndRestartKeepEveryRecordReadable) {
     same.target->shutdown();
     EXPECT_EQ(gunzip("r.log.gz"), "five\n");
 
+    fs::create_directory("n-00001.log.gz");  // the next file cannot be made
+    made stuck = make({{"RotationThreshold", {"0"}}, {"FileName", {"n-%n.log.gz"}}});
+    ASSERT_TRUE(stuck.target->init());
+    for (const char* line : {"six\n", "seven\n", "eight\n", "nine\n"}) {
+        stuck.log(line);  // one try within the second, and the old file keeps the lines
+        stuck.target->flush();
+    }
+    EXPECT_EQ(stuck.impl()._rotationCount, 2u);
+    stuck.impl()._lastOpenTry -= 1'000'000'000;
+    stuck.log("ten\n");  // a second later: one more try, and the next name opens
+    EXPECT_EQ(stuck.impl()._rotationCount, 3u);
+    stuck.target->shutdown();
+    EXPECT_EQ(gunzip("n-00000.log.gz"), "six\nseven\neight\nnine\n");
+    EXPECT_EQ(gunzip("n-00002.log.gz"), "ten\n");
+
     vlk_test::writeFile("plain", "x");
     made unopenable = make({{"FileName", {"plain/x.log.gz"}}});
     EXPECT_FALSE(unopenable.target->init());
