@@ -20,13 +20,29 @@ constexpr std::int64_t spaceCheckInterval = 5;
 // A file that would not open is tried again no sooner than this.
 constexpr std::int64_t openRetryNanoseconds = 1'000'000'000;
 
+}  // namespace
+
 std::int64_t coarseSeconds() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
     return now.tv_sec;
 }
 
-}  // namespace
+bool spaceIsBack(const std::string& name, unsigned long length, std::int64_t& lastCheck) {
+    const std::int64_t now = coarseSeconds();
+    if (now - lastCheck <= spaceCheckInterval) {
+        return false;
+    }
+    if (directory::getFreeSpace(name) <= length) {
+        lastCheck = now;
+        return false;
+    }
+    return true;
+}
+
+bool mayTryOpen(bool lastFailed, std::int64_t lastTry) {
+    return !lastFailed || coarseNanoseconds() - lastTry >= openRetryNanoseconds;
+}
 
 std::int64_t coarseNanoseconds() {
     timespec now{};
@@ -140,12 +156,7 @@ void file_logger_impl::rotate() {
 }
 
 bool file_logger_impl::_spaceIsBack(unsigned long length) {
-    const std::int64_t now = coarseSeconds();
-    if (now - _lastSpaceCheck <= spaceCheckInterval) {
-        return false;
-    }
-    if (directory::getFreeSpace(_currentFileName) <= length) {
-        _lastSpaceCheck = now;
+    if (!spaceIsBack(_currentFileName, length, _lastSpaceCheck)) {
         return false;
     }
     _diskFull = false;
@@ -156,7 +167,7 @@ bool file_logger_impl::_spaceIsBack(unsigned long length) {
 }
 
 bool file_logger_impl::_mayTryOpen() const {
-    return !_lastOpenFailed || coarseNanoseconds() - _lastOpenTry >= openRetryNanoseconds;
+    return mayTryOpen(_lastOpenFailed, _lastOpenTry);
 }
 
 bool file_logger_impl::_write(const char* text, unsigned long length) {

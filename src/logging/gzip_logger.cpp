@@ -9,19 +9,8 @@
 
 namespace vlk {
 namespace _gzip_logger_detail {
-namespace {
-
 using _file_logger_detail::coarseNanoseconds;
-
-// Free space is looked at no more often than this, as by the file target.
-constexpr std::int64_t spaceCheckInterval = 5;
-constexpr std::int64_t openRetryNanoseconds = 1'000'000'000;
-
-std::int64_t coarseSeconds() {
-    return coarseNanoseconds() / 1'000'000'000;
-}
-
-}  // namespace
+using _file_logger_detail::coarseSeconds;
 
 std::string gzip_logger_impl::constructFileName() const {
     return _file_logger_detail::expandFileName(_fileNamePattern, _rotationCount);
@@ -103,7 +92,7 @@ void gzip_logger_impl::_finishBrokenMember() {
 }
 
 bool gzip_logger_impl::_mayTryOpen() const {
-    return !_lastOpenFailed || coarseNanoseconds() - _lastOpenTry >= openRetryNanoseconds;
+    return _file_logger_detail::mayTryOpen(_lastOpenFailed, _lastOpenTry);
 }
 
 void gzip_logger_impl::_failed() {
@@ -130,12 +119,7 @@ bool gzip_logger_impl::_write(const char* text, unsigned long length) {
 }
 
 bool gzip_logger_impl::_resume(unsigned long length) {
-    const std::int64_t now = coarseSeconds();
-    if (now - _lastSpaceCheck <= spaceCheckInterval) {
-        return false;
-    }
-    if (directory::getFreeSpace(_currentFileName) <= length) {
-        _lastSpaceCheck = now;
+    if (!_file_logger_detail::spaceIsBack(_currentFileName, length, _lastSpaceCheck)) {
         return false;
     }
     const bool cutLine = _member.flushedOffset > _member.start && _member.flushedLastByte != '\n';

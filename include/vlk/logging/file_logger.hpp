@@ -53,8 +53,21 @@ std::string droppedLinesNotice(const char* line, unsigned long length, std::uint
 // Whether `name` is a regular file whose last byte is not a line feed.
 bool endsInCutLine(const std::string& name);
 
-// Coarse monotonic clock, which costs no system call, in nanoseconds.
+// Coarse monotonic clock, which costs no system call, in nanoseconds and
+// in whole seconds.
 std::int64_t coarseNanoseconds();
+std::int64_t coarseSeconds();
+
+// While writing is suspended after a failed write: whether a look at free
+// space is due (more than 5 s after `lastCheck`, in coarse seconds) and
+// finds more than `length` bytes beside `name`. A look that finds too
+// little moves `lastCheck`. Shared with the gzip target.
+bool spaceIsBack(const std::string& name, unsigned long length, std::int64_t& lastCheck);
+
+// Whether a target may try to open a file: always after an open that
+// worked, and a second after one that failed (`lastTry` in coarse
+// nanoseconds).
+bool mayTryOpen(bool lastFailed, std::int64_t lastTry);
 
 class file_logger_impl : public velk_logger::logger {
   public:
