@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include <vlk/logging/file_logger.hpp>
 #include <vlk/system/convert.hpp>
 #include <vlk/system/directory.hpp>
@@ -11,6 +13,55 @@ namespace vlk {
 namespace _gzip_logger_detail {
 using _file_logger_detail::coarseNanoseconds;
 using _file_logger_detail::coarseSeconds;
+
+namespace {
+
+// What a member of `name` from `start` to `end`, a sync flush, holds: the
+// CRC-32, length and last byte of its text, read back by inflating it. It
+// is read only when the member has to be finished by hand, so that writing
+// costs nothing for it. False if the file cannot be read or inflated.
+bool readMemberText(const std::string& name, std::int64_t start, std::int64_t end,
+                    unsigned long& crc, std::uint64_t& length, char& last) {
+    const int file = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    z_stream stream{};
+    if (file < 0 || inflateInit2(&stream, 16 + MAX_WBITS) != Z_OK) {  // 16: gzip wrapper
+        if (file >= 0) {
+            ::close(file);
+        }
+        return false;
+    }
+    crc = crc32(0, nullptr, 0);
+    length = 0;
+    bool readable = true;
+    unsigned char in[16384];
+    unsigned char out[65536];
+    for (std::int64_t at = start; readable && at < end;) {
+        const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(sizeof in, end - at));
+        const ssize_t got = ::pread(file, in, wanted, at);
+        readable = got > 0;
+        at += got;
+        stream.next_in = in;
+        stream.avail_in = readable ? static_cast<unsigned>(got) : 0;
+        // Z_BUF_ERROR: all input taken, nothing more to give yet.
+        do {
+            stream.next_out = out;
+            stream.avail_out = sizeof out;
+            const int result = inflate(&stream, Z_NO_FLUSH);
+            readable = readable && (result == Z_OK || result == Z_BUF_ERROR);
+            const auto produced = static_cast<unsigned>(sizeof out - stream.avail_out);
+            crc = crc32(crc, out, produced);
+            length += produced;
+            if (produced != 0) {
+                last = static_cast<char>(out[produced - 1]);
+            }
+        } while (readable && stream.avail_out == 0);
+    }
+    inflateEnd(&stream);
+    ::close(file);
+    return readable;
+}
+
+}  // namespace
 
 std::string gzip_logger_impl::constructFileName() const {
     return _file_logger_detail::expandFileName(_fileNamePattern, _rotationCount);
@@ -61,34 +112,39 @@ void gzip_logger_impl::_startMember() {
     // "a" opens at the end of the file: the new member starts there.
     _member.start = gzoffset(_file);
     _member.flushedOffset = _member.start;
-    _member.crc = _member.flushedCrc = crc32(0, nullptr, 0);
 }
 
-void gzip_logger_impl::_finishBrokenMember() {
+char gzip_logger_impl::_finishBrokenMember() {
+    char last = '\n';
     if (!_writeFailed) {
-        return;
+        return last;
     }
     _writeFailed = false;
-    const member_state& member = _member;
     // A sync flush ends on a byte boundary after complete blocks, so what
     // the file held at the last one is a valid start of a deflate stream.
-    const bool kept = member.flushedOffset > member.start;
-    if (::truncate(_currentFileName.c_str(), kept ? member.flushedOffset : member.start) != 0 ||
+    // A member that cannot be read back is dropped whole.
+    unsigned long crc = 0;
+    std::uint64_t length = 0;
+    const bool kept =
+        _member.flushedOffset > _member.start &&
+        readMemberText(_currentFileName, _member.start, _member.flushedOffset, crc, length, last);
+    if (::truncate(_currentFileName.c_str(), kept ? _member.flushedOffset : _member.start) != 0 ||
         !kept) {
-        return;
+        return '\n';
     }
     // A stored block, final and empty, then the CRC-32 and the length
     // modulo 2^32 of the text, both little-endian.
     unsigned char tail[13] = {0x01, 0x00, 0x00, 0xFF, 0xFF};
     for (int i = 0; i < 4; ++i) {
-        tail[5 + i] = static_cast<unsigned char>(member.flushedCrc >> (8 * i));
-        tail[9 + i] = static_cast<unsigned char>(member.flushedLength >> (8 * i));
+        tail[5 + i] = static_cast<unsigned char>(crc >> (8 * i));
+        tail[9 + i] = static_cast<unsigned char>(length >> (8 * i));
     }
     const int file = ::open(_currentFileName.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
     if (file >= 0) {
         [[maybe_unused]] const ssize_t written = ::write(file, tail, sizeof tail);
         ::close(file);
     }
+    return last;
 }
 
 bool gzip_logger_impl::_mayTryOpen() const {
@@ -110,11 +166,6 @@ bool gzip_logger_impl::_write(const char* text, unsigned long length) {
         _failed();
         return false;
     }
-    _member.crc = crc32(_member.crc, reinterpret_cast<const Bytef*>(text), taken);
-    _member.length += taken;
-    if (taken != 0) {
-        _member.lastByte = text[taken - 1];
-    }
     return true;
 }
 
@@ -122,9 +173,8 @@ bool gzip_logger_impl::_resume(unsigned long length) {
     if (!_file_logger_detail::spaceIsBack(_currentFileName, length, _lastSpaceCheck)) {
         return false;
     }
-    const bool cutLine = _member.flushedOffset > _member.start && _member.flushedLastByte != '\n';
     gzclose(_file);
-    _finishBrokenMember();
+    const bool cutLine = _finishBrokenMember() != '\n';
     _file = gzopen(_currentFileName.c_str(), "a");
     _lastOpenFailed = _file == nullptr;
     _lastOpenTry = coarseNanoseconds();
@@ -191,9 +241,6 @@ void gzip_logger_impl::flush() {
         return;
     }
     _member.flushedOffset = gzoffset(_file);
-    _member.flushedCrc = _member.crc;
-    _member.flushedLength = _member.length;
-    _member.flushedLastByte = _member.lastByte;
     _member.linesSinceFlush = 0;
 }
 

@@ -57,18 +57,11 @@ class gzip_logger_impl : public velk_logger::logger {
     std::int64_t _lastOpenTry = 0;             // coarse monotonic nanoseconds
     std::uint64_t _droppedLines = 0;           // lost and not yet told
 
-    // The current member: where it starts in the file, and what it holds up
-    // to its last successful sync flush (file offset, CRC-32 and length of
-    // the text, last byte) and since then.
+    // The current member: where it starts in the file, where its last
+    // successful sync flush ended, and the lines given to zlib since then.
     struct member_state {
         std::int64_t start = 0;
         std::int64_t flushedOffset = 0;
-        unsigned long flushedCrc = 0;
-        std::uint64_t flushedLength = 0;
-        char flushedLastByte = '\n';
-        unsigned long crc = 0;
-        std::uint64_t length = 0;
-        char lastByte = '\n';
         std::uint64_t linesSinceFlush = 0;
     } _member;
 
@@ -80,8 +73,9 @@ class gzip_logger_impl : public velk_logger::logger {
     // member is finished and a new one opened.
     bool _resume(unsigned long length);
     // Cuts the closed file back to the member's last sync flush and ends
-    // that member with an empty final block and its trailer.
-    void _finishBrokenMember();
+    // that member with an empty final block and its trailer. Returns the
+    // last byte of the text kept, a line feed if there is none.
+    char _finishBrokenMember();
     bool _write(const char* text, unsigned long length);
     void _failed();
     void _startMember();
