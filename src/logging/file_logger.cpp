@@ -54,7 +54,7 @@ std::string droppedLinesNotice(const char* line, unsigned long length, std::uint
                                const std::string& name) {
     const void* blank = std::memchr(line, ' ', length);
     std::string notice(line, blank != nullptr ? static_cast<const char*>(blank) : line);
-    notice += " [0] warning: 00-0000 " + std::to_string(dropped) +
+    notice += " [0] developer: 00-0000 " + std::to_string(dropped) +
               (dropped == 1 ? " line was" : " lines were") + " dropped while " + name +
               " could not be written\n";
     return notice;

@@ -119,7 +119,7 @@ TEST_F(FileLogger, UnopenableNamesFailInitOrDropLines) {
     file.log("2026-11-22T11:59:29.3858940 back\n");  // tried again by the target itself
     file.target->flush();
     EXPECT_EQ(readFile("a.log"),
-              "2026-11-22T11:59:29.3858940 [0] warning: 00-0000 2 lines were dropped while a.log "
+              "2026-11-22T11:59:29.3858940 [0] developer: 00-0000 2 lines were dropped while a.log "
               "could not be written\n2026-11-22T11:59:29.3858940 back\n");
     EXPECT_EQ(file.impl()._bytesWritten, fs::file_size("a.log"));
     file.log("more\n");  // size rotation works again
@@ -191,7 +191,7 @@ TEST_F(FileLogger, FullFileSystemDropsLinesUntilSpaceIsFreed) {
     EXPECT_FALSE(file.impl()._diskFull);
     // The cut record is ended, and no line merges with another.
     const std::string text = readFile(mountPoint + "/a.log");
-    const std::string notice = " [0] warning: 00-0000 3 lines were dropped while " + mountPoint +
+    const std::string notice = " [0] developer: 00-0000 3 lines were dropped while " + mountPoint +
                                "/a.log could not be written\nresumed\n";
     EXPECT_TRUE(text.ends_with("r\n" + notice)) << text.substr(text.size() - 200);
 }

@@ -163,12 +163,12 @@ TEST_F(GzipLogger, FullDiskResumesInANewMemberThatGzipAccepts) {
 
     EXPECT_EQ(std::system(("gzip -t " + disk.path + "/g.log.gz").c_str()), 0);
     const std::string text = gunzip(disk.path + "/g.log.gz");
-    const std::size_t kept = text.find(" [0] warning: 00-0000 ");
+    const std::size_t kept = text.find(" [0] developer: 00-0000 ");
     ASSERT_NE(kept, std::string::npos) << text;
     // Whole records, then the notice at the start of a line, then the line.
     EXPECT_EQ(kept % 38, 0u);
     const std::uint64_t lost = logged - kept / 38 + 2;
-    EXPECT_EQ(text.substr(kept), " [0] warning: 00-0000 " + std::to_string(lost) +
+    EXPECT_EQ(text.substr(kept), " [0] developer: 00-0000 " + std::to_string(lost) +
                                      " lines were dropped while " + disk.path +
                                      "/g.log.gz could not be written\nresumed\n");
 }

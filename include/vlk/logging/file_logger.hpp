@@ -44,9 +44,10 @@ std::string expandFileName(const std::string& pattern, std::uint64_t count);
 // The line that tells of `dropped` lines lost while `name` could not be
 // written. It is shaped like a record, so that readers of record lines take
 // it in their stride: the timestamp of `line` (the first line written again),
-// log id 0, which no thread is given, level "warning" and the identifier
-// 00-0000, the catalogue's row whose whole text comes with the call. Shared
-// with the gzip target.
+// log id 0, which no thread is given, and the identifier 00-0000, the
+// catalogue's row whose whole text comes with the call, at that row's level
+// "developer", so that readers who check a line against the catalogue agree
+// with it. Shared with the gzip target.
 std::string droppedLinesNotice(const char* line, unsigned long length, std::uint64_t dropped,
                                const std::string& name);
 
