@@ -173,12 +173,18 @@ bool gzip_logger_impl::_resume(unsigned long length) {
     if (!_file_logger_detail::spaceIsBack(_currentFileName, length, _lastSpaceCheck)) {
         return false;
     }
-    gzclose(_file);
-    const bool cutLine = _finishBrokenMember() != '\n';
+    bool cutLine = false;
+    if (_file != nullptr) {
+        gzclose(_file);
+        _file = nullptr;
+        cutLine = _finishBrokenMember() != '\n';
+    }
+    // The file is appended to, never emptied: a failed open stays on this
+    // path and is tried again at the next look at free space.
     _file = gzopen(_currentFileName.c_str(), "a");
-    _lastOpenFailed = _file == nullptr;
-    _lastOpenTry = coarseNanoseconds();
     if (_file == nullptr) {
+        _writeFailed = true;
+        _lastSpaceCheck = coarseSeconds();
         return false;
     }
     _startMember();
@@ -198,15 +204,18 @@ void gzip_logger_impl::log(const error_id& id, const char* line, unsigned long l
     if (!_accepts(id)) {
         return;
     }
-    // A new file that does not open leaves the old one in use, and is tried
-    // again a second later; so is a missing file.
-    while (_bytesWritten > _rotationThreshold && _mayTryOpen()) {
-        rotate();
+    // While writing is suspended nothing rotates: writing resumes where it
+    // failed. Otherwise a new file that does not open leaves the old one in
+    // use and is tried again a second later; so is a missing file.
+    if (!_writeFailed) {
+        while (_bytesWritten > _rotationThreshold && _mayTryOpen()) {
+            rotate();
+        }
+        if (_file == nullptr && _mayTryOpen()) {
+            rotate();
+        }
     }
-    if (_file == nullptr && _mayTryOpen()) {
-        rotate();
-    }
-    if (_file == nullptr || (_writeFailed && !_resume(length))) {
+    if (_writeFailed ? !_resume(length) : _file == nullptr) {
         ++_droppedLines;
         return;
     }

@@ -12,14 +12,15 @@
 // A fault never silences the target for good. A new file that does not open
 // leaves the old one in use, and a missing file is tried again, at most once
 // a second when a line arrives. After a write error (a full disk) lines are
-// dropped, and free space is looked at no more than once in 6 seconds, as
-// the file target does. When there is room again, the member that failed is
-// cut back to its last sync flush and finished by hand (an empty final block
-// and the trailer of what it holds up to there), and writing goes on in a
-// new member: `gzip -t` accepts the whole file, and lines written after that
-// flush count as dropped. Dropped lines are counted, and the first line of
-// the new member is a record-shaped line saying how many (see
-// `droppedLinesNotice` in file_logger.hpp).
+// dropped, nothing is rotated by size, and free space is looked at no more
+// than once in 6 seconds, as the file target does. When there is room again,
+// the member that failed is cut back to its last sync flush and finished by
+// hand (an empty final block and the trailer of what it holds up to there,
+// read back from the file), and writing goes on in a new member of the same
+// file: `gzip -t` accepts the whole file, and lines written after that flush
+// count as dropped. Dropped lines are counted, and the first line of the new
+// member is a record-shaped line saying how many (see `droppedLinesNotice`
+// in file_logger.hpp).
 //
 // Everything but the factory and `init` runs on the logging thread, without a
 // lock.
