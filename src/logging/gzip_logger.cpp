@@ -1,6 +1,7 @@
 #include <vlk/logging/gzip_logger.hpp>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,49 +17,119 @@ using _file_logger_detail::coarseSeconds;
 
 namespace {
 
-// What a member of `name` from `start` to `end`, a sync flush, holds: the
-// CRC-32, length and last byte of its text, read back by inflating it. It
-// is read only when the member has to be finished by hand, so that writing
-// costs nothing for it. False if the file cannot be read or inflated.
-bool readMemberText(const std::string& name, std::int64_t start, std::int64_t end,
-                    unsigned long& crc, std::uint64_t& length, char& last) {
-    const int file = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+// Where the last gzip member of a stretch of a file could be ended.
+struct member_tail {
+    std::int64_t memberStart = 0;  // where the last member begins
+    std::int64_t cut = 0;          // its last block boundary on a byte boundary
+    unsigned long crc = 0;         // CRC-32 and length of its text up to `cut`
+    std::uint64_t length = 0;
+    char last = '\n';      // the last byte of all text up to `cut`
+    bool finished = true;  // the last member has its trailer
+};
+
+// Inflates the gzip members of `file` from `start` to `end` and notes where
+// the last one could be ended. Writing pays nothing for this: the text is
+// read back only when a member has to be ended by hand. False if the data
+// does not inflate.
+bool findMemberTail(int file, std::int64_t start, std::int64_t end, member_tail& tail) {
     z_stream stream{};
-    if (file < 0 || inflateInit2(&stream, 16 + MAX_WBITS) != Z_OK) {  // 16: gzip wrapper
-        if (file >= 0) {
-            ::close(file);
-        }
+    if (inflateInit2(&stream, 16 + MAX_WBITS) != Z_OK) {  // 16: the gzip wrapper
         return false;
     }
-    crc = crc32(0, nullptr, 0);
-    length = 0;
-    bool readable = true;
+    tail = {start, start, crc32(0, nullptr, 0), 0, '\n', true};
+    unsigned long crc = tail.crc;
+    std::uint64_t length = 0;
+    char last = '\n';
     unsigned char in[16384];
     unsigned char out[65536];
-    for (std::int64_t at = start; readable && at < end;) {
+    bool good = true;
+    for (std::int64_t at = start; good && at < end;) {
         const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(sizeof in, end - at));
         const ssize_t got = ::pread(file, in, wanted, at);
-        readable = got > 0;
-        at += got;
+        good = got > 0;
         stream.next_in = in;
-        stream.avail_in = readable ? static_cast<unsigned>(got) : 0;
-        // Z_BUF_ERROR: all input taken, nothing more to give yet.
-        do {
+        stream.avail_in = good ? static_cast<unsigned>(got) : 0;
+        while (good && stream.avail_in > 0) {
             stream.next_out = out;
             stream.avail_out = sizeof out;
-            const int result = inflate(&stream, Z_NO_FLUSH);
-            readable = readable && (result == Z_OK || result == Z_BUF_ERROR);
+            const unsigned before = stream.avail_in;
+            const int result = inflate(&stream, Z_BLOCK);
             const auto produced = static_cast<unsigned>(sizeof out - stream.avail_out);
             crc = crc32(crc, out, produced);
             length += produced;
-            if (produced != 0) {
-                last = static_cast<char>(out[produced - 1]);
+            last = produced != 0 ? static_cast<char>(out[produced - 1]) : last;
+            const std::int64_t offset = at + (got - stream.avail_in);
+            if (result == Z_STREAM_END) {
+                good = inflateReset(&stream) == Z_OK;
+                tail = {offset, offset, crc32(0, nullptr, 0), 0, last, true};
+                crc = tail.crc;
+                length = 0;
+            } else {
+                good = (result == Z_OK || result == Z_BUF_ERROR) &&
+                       (produced != 0 || stream.avail_in != before);
+                tail.finished = false;
+                // data_type: unused bits, 64 in the final block, 128 at a
+                // block boundary. A boundary on a byte, before the final
+                // block, is where an empty final block can follow.
+                if ((stream.data_type & (128 | 64 | 63)) == 128) {
+                    tail.cut = offset;
+                    tail.crc = crc;
+                    tail.length = length;
+                    tail.last = last;
+                }
             }
-        } while (readable && stream.avail_out == 0);
+        }
+        at += got;
     }
     inflateEnd(&stream);
+    return good;
+}
+
+// Ends the last member of `name` at `tail.cut` if it has no trailer: cuts
+// the file there and appends an empty final stored block, then the CRC-32
+// and the length modulo 2^32 of its text, little-endian. A member without
+// such a boundary is removed whole. Returns the last byte of the text kept.
+char endMember(const std::string& name, const member_tail& tail) {
+    if (tail.finished) {
+        return tail.last;
+    }
+    const bool kept = tail.cut > tail.memberStart;
+    if (::truncate(name.c_str(), kept ? tail.cut : tail.memberStart) != 0 || !kept) {
+        return tail.last;
+    }
+    unsigned char trailer[13] = {0x01, 0x00, 0x00, 0xFF, 0xFF};
+    for (int i = 0; i < 4; ++i) {
+        trailer[5 + i] = static_cast<unsigned char>(tail.crc >> (8 * i));
+        trailer[9 + i] = static_cast<unsigned char>(tail.length >> (8 * i));
+    }
+    const int file = ::open(name.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    if (file >= 0) {
+        [[maybe_unused]] const ssize_t written = ::write(file, trailer, sizeof trailer);
+        ::close(file);
+    }
+    return tail.last;
+}
+
+// A file this target was writing when its process was killed ends in the
+// empty stored block of a sync flush (00 00 FF FF) and has no trailer: its
+// last member is ended, so that gzip readers take the file and what is
+// appended to it. Only such a file is read through; for a finished one the
+// last four bytes are its length, and match only by a rare chance, which
+// costs one read of the file. Returns the last byte of the text kept.
+char endKilledMember(const std::string& name) {
+    const int file = ::open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) {
+        return '\n';
+    }
+    struct stat status {};
+    unsigned char end[4] = {};
+    member_tail tail;
+    const bool killed = ::fstat(file, &status) == 0 && S_ISREG(status.st_mode) &&
+                        status.st_size >= 4 && ::pread(file, end, 4, status.st_size - 4) == 4 &&
+                        end[0] == 0x00 && end[1] == 0x00 && end[2] == 0xFF && end[3] == 0xFF &&
+                        findMemberTail(file, 0, status.st_size, tail);
     ::close(file);
-    return readable;
+    return killed ? endMember(name, tail) : '\n';
 }
 
 }  // namespace
@@ -73,6 +144,7 @@ void gzip_logger_impl::openOrSwitchFile() {
     // A directory that cannot be made shows up as a failed open below.
     directory::createHierarchy(directory::dirname(name), error);
 
+    bool cutLine = false;
     // gzclose ends the compressed stream, so nothing is flushed before it.
     // A member that failed is finished by hand once its stream is closed.
     if (name == _currentFileName && _rotationCount != 0) {
@@ -84,21 +156,29 @@ void gzip_logger_impl::openOrSwitchFile() {
         }
         _file = gzopen(_currentFileName.c_str(), "wb");
         _lastOpenFailed = _file == nullptr;
-    } else if (gzFile opened = gzopen(name.c_str(), "a"); opened != nullptr) {
-        if (_file != nullptr) {
-            _bytesWritten = 0;
-            gzclose(_file);
-            _finishBrokenMember();
-        }
-        _currentFileName = name;
-        _file = opened;
-        _lastOpenFailed = false;
     } else {
-        _lastOpenFailed = true;
+        // A file left unfinished by a killed process is ended before a
+        // member is appended to it, and so is its last line.
+        cutLine = endKilledMember(name) != '\n';
+        if (gzFile opened = gzopen(name.c_str(), "a"); opened != nullptr) {
+            if (_file != nullptr) {
+                _bytesWritten = 0;
+                gzclose(_file);
+                _finishBrokenMember();
+            }
+            _currentFileName = name;
+            _file = opened;
+            _lastOpenFailed = false;
+        } else {
+            _lastOpenFailed = true;
+        }
     }
     _lastOpenTry = coarseNanoseconds();
     if (!_lastOpenFailed) {
         _startMember();
+        if (cutLine) {
+            _write("\n", 1);
+        }
     }
     ++_rotationCount;  // also on failure, so that the next name differs
     // A position in the uncompressed data, 0 after any open. zlib answers -1
@@ -115,36 +195,22 @@ void gzip_logger_impl::_startMember() {
 }
 
 char gzip_logger_impl::_finishBrokenMember() {
-    char last = '\n';
     if (!_writeFailed) {
-        return last;
-    }
-    _writeFailed = false;
-    // A sync flush ends on a byte boundary after complete blocks, so what
-    // the file held at the last one is a valid start of a deflate stream.
-    // A member that cannot be read back is dropped whole.
-    unsigned long crc = 0;
-    std::uint64_t length = 0;
-    const bool kept =
-        _member.flushedOffset > _member.start &&
-        readMemberText(_currentFileName, _member.start, _member.flushedOffset, crc, length, last);
-    if (::truncate(_currentFileName.c_str(), kept ? _member.flushedOffset : _member.start) != 0 ||
-        !kept) {
         return '\n';
     }
-    // A stored block, final and empty, then the CRC-32 and the length
-    // modulo 2^32 of the text, both little-endian.
-    unsigned char tail[13] = {0x01, 0x00, 0x00, 0xFF, 0xFF};
-    for (int i = 0; i < 4; ++i) {
-        tail[5 + i] = static_cast<unsigned char>(crc >> (8 * i));
-        tail[9 + i] = static_cast<unsigned char>(length >> (8 * i));
-    }
-    const int file = ::open(_currentFileName.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    _writeFailed = false;
+    // A sync flush ends on a byte boundary after complete blocks, so the
+    // member up to the last one can be ended there. One that cannot be read
+    // back is removed whole.
+    member_tail tail{_member.start, _member.start, 0, 0, '\n', false};
+    const int file = ::open(_currentFileName.c_str(), O_RDONLY | O_CLOEXEC);
     if (file >= 0) {
-        [[maybe_unused]] const ssize_t written = ::write(file, tail, sizeof tail);
+        if (!findMemberTail(file, _member.start, _member.flushedOffset, tail)) {
+            tail = {_member.start, _member.start, 0, 0, '\n', false};
+        }
         ::close(file);
     }
-    return last;
+    return endMember(_currentFileName, tail);
 }
 
 bool gzip_logger_impl::_mayTryOpen() const {

@@ -93,6 +93,22 @@ TEST_F(GzipLogger, SyncFlushAndRestartKeepEveryRecordReadable) {
     EXPECT_EQ(gunzip("r.log.gz"), "one\ntwo\n");
     first.target->shutdown();
 
+    // A process killed after a pass leaves its member without a trailer,
+    // here with a cut line: both are ended before a new member follows.
+    made killed = make({{"FileName", {"k.log.gz"}}});
+    ASSERT_TRUE(killed.target->init());
+    killed.log("whole\n");
+    killed.log("cut");
+    killed.target->flush();
+    fs::copy_file("k.log.gz", "left.log.gz");
+    killed.target->shutdown();
+    made restarted = make({{"FileName", {"left.log.gz"}}});
+    ASSERT_TRUE(restarted.target->init());
+    restarted.log("next\n");
+    restarted.target->shutdown();
+    EXPECT_EQ(std::system("gzip -t left.log.gz"), 0);
+    EXPECT_EQ(gunzip("left.log.gz"), "whole\ncut\nnext\n");
+
     made second = make({{"FileName", {"r.log.gz"}}});  // a second gzip member
     ASSERT_TRUE(second.target->init());
     EXPECT_EQ(second.impl()._bytesWritten, 0u);

@@ -20,7 +20,9 @@
 // file: `gzip -t` accepts the whole file, and lines written after that flush
 // count as dropped. Dropped lines are counted, and the first line of the new
 // member is a record-shaped line saying how many (see `droppedLinesNotice`
-// in file_logger.hpp).
+// in file_logger.hpp). A file left by a killed process, whose last member
+// ends in a sync flush without a trailer, is ended the same way before a
+// member is appended, and a cut last line gets its line feed.
 //
 // Everything but the factory and `init` runs on the logging thread, without a
 // lock.
