@@ -158,6 +158,7 @@ bool _velk_logger_impl::start() {
         return true;
     }
     _activeLevels.store(_configuredLevels, std::memory_order_relaxed);
+    _threadEnded.store(false, std::memory_order_relaxed);  // the thread start orders it
     _loggingThread.start([this] { _loggingThreadEntryPoint(); }, 0);
     return true;
 }
@@ -183,6 +184,8 @@ void _velk_logger_impl::_loggingThreadEntryPoint() {
             _processLogQueue(message);
             // Relaxed: posts that come now reach nobody either way.
             _asleep.store(1, std::memory_order_relaxed);
+            // Release: pairs with the acquire load in shutdown(milliseconds).
+            _threadEnded.store(true, std::memory_order_release);
             return;
         }
     }
@@ -321,7 +324,7 @@ void _velk_logger_impl::flush() {
     _waitForPass(generation);
 }
 
-void _velk_logger_impl::_flush(unsigned long milliseconds) {
+bool _velk_logger_impl::_flush(unsigned long milliseconds) {
     const std::uint64_t generation = _flushGeneration.load(std::memory_order_acquire);
     ::sem_post(&_wakeup);
     timespec start{};
@@ -331,10 +334,11 @@ void _velk_logger_impl::_flush(unsigned long milliseconds) {
         timespec now{};
         ::clock_gettime(CLOCK_REALTIME, &now);
         if (secondsBetween(start, now) >= limit) {
-            return;
+            return false;
         }
         sleepOnePoll();
     }
+    return true;
 }
 
 void _velk_logger_impl::rotate() {
@@ -347,10 +351,40 @@ void _velk_logger_impl::rotate() {
 
 void _velk_logger_impl::shutdown() {
     std::uint32_t expected = 0;
-    if (!_stopped.compare_exchange_strong(expected, 1, std::memory_order_acq_rel)) {
+    if (_stopped.compare_exchange_strong(expected, 1, std::memory_order_acq_rel)) {
+        ::sem_post(&_wakeup);
+    } else if (!_joinPending) {
         return;
     }
-    ::sem_post(&_wakeup);
+    _joinAndRelease();
+}
+
+bool _velk_logger_impl::shutdown(unsigned long milliseconds) {
+    std::uint32_t expected = 0;
+    if (_stopped.compare_exchange_strong(expected, 1, std::memory_order_acq_rel)) {
+        ::sem_post(&_wakeup);
+    } else if (!_joinPending) {
+        return true;
+    }
+    timespec start{};
+    ::clock_gettime(CLOCK_MONOTONIC, &start);
+    const double limit = static_cast<double>(milliseconds) * 0.001;
+    // Acquire: pairs with the release store as the logging thread returns.
+    while (!_threadEnded.load(std::memory_order_acquire)) {
+        timespec now{};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        if (secondsBetween(start, now) >= limit) {
+            _joinPending = true;
+            return false;
+        }
+        sleepOnePoll();
+    }
+    _joinAndRelease();
+    return true;
+}
+
+void _velk_logger_impl::_joinAndRelease() {
+    _joinPending = false;
     _loggingThread.join();
     for (velk_logger::logger* target : _targetList) {
         target->shutdown();
@@ -539,10 +573,9 @@ void velk_logger::flush() {
     }
 }
 
-void velk_logger::flush(unsigned long milliseconds) {
-    if (_velk_logger_impl* impl = _implementation()) {
-        impl->_flush(milliseconds);
-    }
+bool velk_logger::flush(unsigned long milliseconds) {
+    _velk_logger_impl* impl = _implementation();
+    return impl != nullptr && impl->_flush(milliseconds);
 }
 
 void velk_logger::rotate() {
@@ -564,6 +597,18 @@ void velk_logger::shutdown() {
     if (_instance.state() == system::init_once<_velk_logger_impl>::ready) {
         _instance.get()->shutdown();
     }
+}
+
+bool velk_logger::shutdown(unsigned long milliseconds) {
+    if (_instance.state() == system::init_once<_velk_logger_impl>::ready) {
+        return _instance.get()->shutdown(milliseconds);
+    }
+    return true;
+}
+
+std::uint64_t velk_logger::queuedCount() {
+    const _velk_logger_impl* impl = _implementation();
+    return impl != nullptr ? impl->_logQueue.size() : 0;
 }
 
 void velk_logger::terminate() {

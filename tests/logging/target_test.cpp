@@ -90,4 +90,40 @@ TEST_F(Target, DescribeWritesLevelsAndIdentifiers) {
     EXPECT_TRUE(target._fatalErrors.contains(parsed));
 }
 
+// Each row: a configuration, and the one problem found in it (empty: none).
+TEST_F(Target, CheckTargetConfigNamesEveryProblemByItsKey) {
+    const struct {
+        target_config config;
+        const char* problem;
+    } rows[] = {
+        {{{"Protocol", {"file"}}, {"Level", {"info"}}, {"RotationThreshold", {"5M"}}}, ""},
+        {{{"Protocol", {"syslog"}}, {"Options", {"LOG_PID,LOG_CONS"}}}, ""},
+        {{{"Protocol", {"gzip"}}, {"RotationThreshold", {"5XB"}}},
+         "\"RotationThreshold\": \"5XB\" is not a size"},
+        {{{"Protocol", {"stdout"}}, {"Level", {"loud"}}},
+         "\"Level\": \"loud\" is not a level name (none, developer, trace, stats, info, warning, "
+         "error, critical, emergency); it is read as no level at all"},
+        {{{"Protocol", {"stdout"}}, {"Levels", {"info,errant"}}}, "it is read as \"error\""},
+        {{{"Protocol", {"stderr"}}, {"Levle", {"info"}}},
+         "\"Levle\" is not a key of the \"stderr\" target; it is ignored"},
+        {{{"Protocol", {"file"}}, {"Ident", {"x"}}}, "\"Ident\" is not a key of the \"file\""},
+        {{{"Protocol", {"stdout"}}, {"FatalErrors", {"00-0041,0[1"}}},
+         "\"FatalErrors\": the pattern \"0[1\" does not compile; it is ignored"},
+        {{{"Protocol", {"stdout"}}, {"IncludeErrors", {"ZZ"}}}, "\"ZZ\" names no row"},
+        {{{"Protocol", {"ftp"}}}, "\"Protocol\": \"ftp\" is offered by no target factory"},
+        {{{"Level", {"info"}}}, "\"Protocol\" is missing or empty"},
+        {{{"Protocol", {"syslog"}}, {"Facility", {"LOG_LOCAL9"}}}, "\"LOG_LOCAL9\" is not a name"},
+        {{{"Protocol", {"file"}}, {"FileName", {"bad dir/x.log"}}}, "\"bad dir\" has a character"},
+    };
+    for (const auto& row : rows) {
+        const std::vector<std::string> problems = velk_logger::checkTargetConfig(row.config);
+        if (*row.problem == '\0') {
+            EXPECT_TRUE(problems.empty()) << problems.front();
+        } else {
+            ASSERT_EQ(problems.size(), 1u) << row.problem;
+            EXPECT_NE(problems[0].find(row.problem), std::string::npos) << problems[0];
+        }
+    }
+}
+
 }  // namespace

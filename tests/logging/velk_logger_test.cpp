@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <climits>
 #include <csignal>
@@ -299,14 +300,20 @@ TEST_F(Logger, FlushRotateAndShutdownReachTheTargetsOnce) {
     deliver();
     EXPECT_EQ(target.rotations.load(), 1);
 
-    target.delayMicroseconds = 2000;
+    target.delayMicroseconds = 20000;  // a second for all of them
     for (int i = 0; i < 50; ++i) {
         logRow(infoRow, std::to_string(i));
     }
+    EXPECT_GT(velk_logger::queuedCount(), 0U);
+    // The timed form gives up on the slow target and leaves it alone.
+    EXPECT_FALSE(velk_logger::shutdown(10));
+    EXPECT_EQ(target.shutdowns.load(), 0);
     velk_logger::shutdown();  // the last pass delivers everything queued
     EXPECT_EQ(target.lines().size(), 50U);
+    EXPECT_EQ(velk_logger::queuedCount(), 0U);
     EXPECT_EQ(target.shutdowns.load(), 1);
     EXPECT_GE(target.flushes.load(), 1);
+    EXPECT_TRUE(velk_logger::shutdown(10));
     velk_logger::shutdown();
     EXPECT_EQ(target.shutdowns.load(), 1);
 }
@@ -469,19 +476,39 @@ TEST_F(Logger, AbortEndsTheProcessAfterTheRecordAsVelkAbortSays) {
     ::unsetenv("VELK_ABORT");
 }
 
+// Also when the fatal record is itself fatal ("." covers 00-0041) and when
+// two threads log a fatal row at once: no recursion, no fault, status 255.
 TEST_F(Logger, RowDeclaredFatalIsLoggedThenEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    auto logFatal = [] {
+    auto logFatal = [](const char* fatal, int threads) {
         ::unsetenv("VELK_ABORT");
         vlk::target_config stderrTarget =
-            config({{"Protocol", "stderr"}, {"Level", "info"}, {"FatalErrors", "00-0002"}});
+            config({{"Protocol", "stderr"}, {"Level", "info"}, {"FatalErrors", fatal}});
         velk_logger::addTarget(stderrTarget);
         velk_logger::start();
+        std::vector<std::thread> loggers;
+        std::atomic<int> ready{0};
+        for (int i = 0; i < threads; ++i) {
+            loggers.emplace_back([&] {
+                for (ready.fetch_add(1); ready.load() < threads;) {
+                }
+                logRow(infoRow, "last words");
+            });
+        }
+        for (auto& thread : loggers) {
+            thread.join();
+        }
         logRow(infoRow, "last words");
     };
-    EXPECT_EXIT(logFatal(), testing::ExitedWithCode(255),
-                "info: 00-0002 [^\n]*last words\n.*emergency: 00-0041 VELK encountered a fatal "
-                "condition and is exiting: error logged is declared fatal\\.\n$");
+    const std::string ending =
+        "info: 00-0002 [^\n]*last words\n.*emergency: 00-0041 VELK encountered a fatal "
+        "condition and is exiting: error logged is declared fatal\\.\n";
+    for (const auto& [fatal, threads] : {std::pair{"00-0002", 0}, {".", 0}, {"00-0002", 2}}) {
+        // With two threads the other one's row may follow the end record.
+        EXPECT_EXIT(logFatal(fatal, threads), testing::ExitedWithCode(255),
+                    ending + (threads == 0 ? "$" : ""))
+            << fatal << " on " << threads << " threads";
+    }
 }
 
 TEST(LoggerWithoutInit, StreamsDoNothingAndAbortWritesToStandardError) {

@@ -124,6 +124,15 @@ class mpmc_queue {
                _getIndex.load(std::memory_order_relaxed);
     }
 
+    // Records put and not yet claimed, as seen at some moment during the
+    // call; a put still running is not counted.
+    std::uint64_t size() const {
+        // The get index first: it never passes the put index, so the
+        // difference cannot wrap. Acquire pairs as in empty().
+        const std::uint64_t taken = _getIndex.load(std::memory_order_relaxed);
+        return _putIndex.load(std::memory_order_acquire) - taken;
+    }
+
     // Drops every queued record, unmaps every block and resets the tickets.
     // No put or get may run meanwhile; that exclusion orders the relaxed
     // accesses here.

@@ -40,6 +40,7 @@
 #include <new>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <vlk/catalogue/error_id.hpp>
 #include <vlk/catalogue/error_manager.hpp>
@@ -76,6 +77,15 @@ class velk_logger {
     static void addTarget(target_config& config);
     // Registers a factory; a name already registered keeps its first one.
     static void addTargetFactory(const std::string& name, target_factory const& factory);
+    // The problems of one target's configuration, each a sentence that
+    // names its key: no or an unknown "Protocol", keys the protocol does not
+    // read, values that do not parse, level names that are not exact, row
+    // patterns that do not compile or name no row. Empty when all is well.
+    // Stricter than addTarget, which reads what it can and says nothing (it
+    // takes "Level = errant" for error and "Level = loud" for no level).
+    // Keys of a protocol registered by the program are not judged. Rows are
+    // looked up in the catalogue, so error_manager::init() comes first.
+    static std::vector<std::string> checkTargetConfig(const target_config& config);
 
     // Bounds what the queue holds, counted as each record's text block (its
     // capacity with the allocator's header and rounding) plus its slot: a
@@ -116,9 +126,10 @@ class velk_logger {
     static void imbueBackTrace(log_stream& stream);
 
     // Wait for one pass of the logging thread: without limit, or for at
-    // most `milliseconds`. Never call them on the logging thread.
+    // most `milliseconds`, true if a pass ended in time. Never call them on
+    // the logging thread.
     static void flush();
-    static void flush(unsigned long milliseconds);
+    static bool flush(unsigned long milliseconds);
     // Asks every target to rotate and waits for one pass.
     static void rotate();
 
@@ -128,6 +139,16 @@ class velk_logger {
     // Delivers what is queued, joins the thread, shuts the targets down and
     // releases them. Nothing before start().
     static void shutdown();
+    // The same, but waits at most `milliseconds` for the logging thread's
+    // last pass, which a stalled target (a full pipe nobody reads) can hold
+    // up for ever. False when the thread has not ended in time: it and the
+    // targets are left as they are, and a later shutdown() or terminate()
+    // waits for it without limit. A process that cannot wait ends with
+    // _exit, since static destruction would tear down the logger under the
+    // running thread. True when the logger is stopped.
+    static bool shutdown(unsigned long milliseconds);
+    // Records queued and not yet taken by the logging thread.
+    static std::uint64_t queuedCount();
     // Writes what is still queued to standard error ("error" and above),
     // destroys the logger and ends the allocator. Nothing may log afterwards.
     static void terminate();
@@ -170,6 +191,8 @@ class velk_logger {
     static system::init_once<_velk_logger_detail::_velk_logger_impl> _instance;
     static inline std::atomic<_velk_logger_detail::_velk_logger_impl*> _impl{nullptr};
     static inline std::atomic<std::uint8_t> _shutdownInitiated{0};
+    // Set on a thread that has entered abort(), which never returns.
+    static inline thread_local bool _endingProcess = false;
 };
 
 namespace _velk_logger_detail {
@@ -241,9 +264,10 @@ class alignas(128) _velk_logger_impl {
     void init();
     bool start();
     void flush();
-    void _flush(unsigned long milliseconds);
+    bool _flush(unsigned long milliseconds);
     void rotate();
     void shutdown();
+    bool shutdown(unsigned long milliseconds);
     void terminate();
 
     bool willLog(const error_id& id) const {
@@ -344,6 +368,12 @@ class alignas(128) _velk_logger_impl {
     // 1 while no logging thread runs; start() takes it to 0 and shutdown()
     // back to 1, each by compare-and-swap so that one caller wins.
     std::atomic<std::uint32_t> _stopped{1};
+    // Set by the logging thread as it returns, cleared by start(). Release
+    // there, acquire in the timed shutdown: seen set, the join is immediate.
+    std::atomic<bool> _threadEnded{false};
+    // A timed shutdown stopped the thread but did not see it end; only the
+    // thread that shuts down reads and writes it.
+    bool _joinPending = false;
     // Messages queued; one in 128 posts the semaphore, if the logging
     // thread sleeps. Raised seq_cst by producers (see _wakeIfAsleep()).
     std::atomic<std::uint64_t> _messageCount{0};
@@ -407,6 +437,9 @@ class alignas(128) _velk_logger_impl {
     void _composeLine(const fast_log_message& message);
     void _releaseQueued(const fast_log_message& message);
     void _releaseTargets();
+    // After the thread has been told to stop: join it, shut the targets
+    // down and release them.
+    void _joinAndRelease();
     void _waitForPass(std::uint64_t generation);
 };
 
@@ -457,7 +490,7 @@ void velk_logger::log(const Stream& stream) {
     stream.appendTo(text);
     text.append('\n');
     impl->log_text(stream.id(), text);
-    if (impl->isFatalError(stream.id())) {
+    if (impl->isFatalError(stream.id()) && !_endingProcess) {
         _declaredFatal();
     }
 }
@@ -474,13 +507,17 @@ void velk_logger::logWithBacktrace(const Stream& stream) {
     imbueBackTrace(text);
     impl->log_with_move(stream.id(), std::move(text));
     flush(5000);
-    if (impl->isFatalError(stream.id())) {
+    if (impl->isFatalError(stream.id()) && !_endingProcess) {
         _declaredFatal();
     }
 }
 
 template <typename Stream>
 void velk_logger::abort(const Stream& stream) {
+    // The record below may itself be a fatal row (00-0041 listed in
+    // "FatalErrors"), and so may the first record of a thread: this thread
+    // is already on its way out, so they are logged and not obeyed again.
+    _endingProcess = true;
     const int mode = _abortMode();
     if (_implementation() == nullptr) {
         _velk_logger_detail::fixed_text text;
@@ -493,6 +530,9 @@ void velk_logger::abort(const Stream& stream) {
     } else {
         log(stream);
     }
+    // The first pass may have begun before the record went in; the second
+    // began after it, so the record has reached the targets.
+    flush();
     flush();
     _end(mode);
 }
