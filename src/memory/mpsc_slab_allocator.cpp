@@ -2,9 +2,9 @@
 
 #include <new>
 
-#include <vlk/memory/allocate.hpp>
-#include <vlk/memory/mmap.hpp>
+#include <vlk/system/allocate.hpp>
 #include <vlk/system/clock.hpp>
+#include <vlk/system/mmap.hpp>
 
 namespace vlk::memory {
 

@@ -1,6 +1,6 @@
 #include <vlk/containers/mpmc_queue.hpp>
 #include <vlk/memory/log_stream_allocator.hpp>
-#include <vlk/memory/mmap.hpp>
+#include <vlk/system/mmap.hpp>
 
 #include <gtest/gtest.h>
 

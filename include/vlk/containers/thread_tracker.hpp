@@ -47,8 +47,8 @@
 #include <cstdint>
 #include <new>
 
-#include <vlk/containers/spin_lock.hpp>
-#include <vlk/memory/allocate.hpp>
+#include <vlk/system/allocate.hpp>
+#include <vlk/system/spin_lock.hpp>
 
 namespace vlk::lockfree {
 

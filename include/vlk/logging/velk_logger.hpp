@@ -41,13 +41,13 @@
 #include <vlk/catalogue/error_id.hpp>
 #include <vlk/catalogue/error_manager.hpp>
 #include <vlk/containers/mpmc_queue.hpp>
-#include <vlk/containers/mutex_lock.hpp>
 #include <vlk/containers/shared_pointer.hpp>
 #include <vlk/containers/worklist.hpp>
 #include <vlk/logging/error_stream.hpp>
 #include <vlk/logging/log_stream.hpp>
 #include <vlk/logging/target_config.hpp>
 #include <vlk/system/init_once.hpp>
+#include <vlk/system/mutex_lock.hpp>
 #include <vlk/system/thread.hpp>
 
 namespace vlk {

@@ -24,8 +24,8 @@
 #include <cstdint>
 #include <set>
 
-#include <vlk/containers/mutex_lock.hpp>
 #include <vlk/memory/mpsc_slab_allocator.hpp>
+#include <vlk/system/mutex_lock.hpp>
 
 namespace vlk {
 

@@ -19,8 +19,8 @@
 
 #include <pcre.h>
 
-#include <vlk/containers/cstring.hpp>
 #include <vlk/containers/intrusive_pointer.hpp>
+#include <vlk/system/cstring.hpp>
 
 namespace vlk {
 

@@ -11,7 +11,7 @@
 
 #include <pcre.h>
 
-#include <vlk/containers/cstring.hpp>
+#include <vlk/system/cstring.hpp>
 
 namespace vlk {
 

@@ -20,8 +20,8 @@
 
 #include <pcre.h>
 
-#include <vlk/containers/cstring.hpp>
 #include <vlk/regex/jit_regex.hpp>
+#include <vlk/system/cstring.hpp>
 
 namespace velk {
 

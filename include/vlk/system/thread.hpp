@@ -31,7 +31,7 @@
 #include <cstdint>
 #include <functional>
 
-#include <vlk/containers/mutex_lock.hpp>
+#include <vlk/system/mutex_lock.hpp>
 
 namespace vlk {
 

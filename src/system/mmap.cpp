@@ -1,4 +1,4 @@
-#include <vlk/memory/mmap.hpp>
+#include <vlk/system/mmap.hpp>
 
 #include <sys/mman.h>
 
@@ -12,11 +12,11 @@
 #include <string_view>
 
 #include <vlk/catalogue/errors.hpp>
-#include <vlk/containers/mutex_lock.hpp>
 #include <vlk/logging/velk_logger.hpp>
-#include <vlk/memory/allocate.hpp>
 #include <vlk/system/abort.hpp>
+#include <vlk/system/allocate.hpp>
 #include <vlk/system/clock.hpp>
+#include <vlk/system/mutex_lock.hpp>
 
 namespace vlk {
 namespace {
