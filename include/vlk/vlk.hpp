@@ -43,6 +43,7 @@
 #include <vlk/system/cstring.hpp>
 #include <vlk/system/directory.hpp>
 #include <vlk/system/exception.hpp>
+#include <vlk/system/fatal.hpp>
 #include <vlk/system/fast_itoa.hpp>
 #include <vlk/system/host.hpp>
 #include <vlk/system/host_text.hpp>

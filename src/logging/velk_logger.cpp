@@ -19,6 +19,7 @@
 #include <vlk/logging/iso_timestamp.hpp>
 #include <vlk/logging/syslog_logger.hpp>
 #include <vlk/logging/target.hpp>
+#include <vlk/system/fatal.hpp>
 #include <vlk/system/host.hpp>
 
 namespace vlk {
@@ -377,9 +378,38 @@ void _velk_logger_impl::imbueBackTrace(log_stream& stream) {
 
 using _velk_logger_detail::_velk_logger_impl;
 
+namespace {
+
+// The bottom layer's fatal ends, logged as their catalogue rows while the
+// logger exists. Installed by init(), replaced by the defaults in terminate().
+void logAbort(const std::string& message) {
+    const auto& row = errors::E000041;
+    velk_logger::abort(velk_error_stream3<std::string, std::string, std::string>(
+        row, row.fragments[0], message, row.fragments[1]));
+}
+
+void logMappingFailure(const system::mapping_failure& failure) {
+    const auto& row = errors::E000046;
+    const auto& pieces = row.fragments;
+    velk_logger::abort(
+        velk_error_stream9<std::string, std::string, std::string, unsigned long, std::string,
+                           unsigned long, std::string, unsigned long, std::string>(
+            row, pieces[0], failure.errorText, pieces[1], failure.mapped, pieces[2],
+            failure.unmapped, pieces[3], failure.active, pieces[4]));
+}
+
+void logEscapedException(std::string_view what) {
+    const auto& row = errors::E300004;
+    velk_logger::log(
+        velk_error_stream2<std::string, std::string>(row, row.fragments[0], std::string(what)));
+}
+
+}  // namespace
+
 void velk_logger::init() {
     log_stream_allocator::init();
     _instance.init();
+    system::setFatalReporters({logAbort, logMappingFailure, logEscapedException});
 }
 
 bool velk_logger::start() {
@@ -485,6 +515,7 @@ void velk_logger::shutdown() {
 }
 
 void velk_logger::terminate() {
+    system::setFatalReporters(system::defaultFatalReporters());
     if (_instance.state() == system::init_once<_velk_logger_impl>::ready) {
         _velk_logger_impl* impl = _instance.get();
         // A logging thread still running would use the object destroyed
@@ -546,34 +577,16 @@ void velk_logger::_declaredFatal() {
                                                                  row.fragments[1]));
 }
 
-// Over at most 10 bytes, so that every leading part of "backtrace", the
-// empty one included, matches and nothing longer does.
 int velk_logger::_abortMode() {
-    const char* value = std::getenv("VELK_ABORT");
-    if (value == nullptr) {
-        return 0;
-    }
-    const std::size_t length = std::min<std::size_t>(std::strlen(value), 10);
-    return std::memcmp(value, "backtrace", length) == 0 ? 1 : 2;
+    return static_cast<int>(system::endMode());
 }
 
 void velk_logger::_writeToStandardError(const char* text, std::uint64_t length) {
-    while (length > 0) {
-        const ssize_t written = ::write(STDERR_FILENO, text, length);
-        if (written <= 0) {
-            return;
-        }
-        text += written;
-        length -= static_cast<std::uint64_t>(written);
-    }
-    [[maybe_unused]] ssize_t ignored = ::write(STDERR_FILENO, "\n", 1);
+    system::writeToStandardError(text, length);
 }
 
 void velk_logger::_end(int mode) {
-    if (mode == 2) {
-        std::abort();
-    }
-    ::_exit(-1);
+    system::endProcess(static_cast<system::end_mode>(mode));
 }
 
 }  // namespace vlk
