@@ -31,7 +31,6 @@
 #include <vlk/logging/target_config.hpp>
 #include <vlk/logging/velk_logger.hpp>
 #include <vlk/memory/log_stream_allocator.hpp>
-#include <vlk/memory/mpsc_slab_allocator.hpp>
 #include <vlk/regex/jit_regex.hpp>
 #include <vlk/regex/regex.hpp>
 #include <vlk/regex/regex_manager.hpp>
@@ -52,6 +51,7 @@
 #include <vlk/system/memory_info.hpp>
 #include <vlk/system/mmap.hpp>
 #include <vlk/system/mutex_lock.hpp>
+#include <vlk/system/process_barrier.hpp>
 #include <vlk/system/spin_lock.hpp>
 #include <vlk/system/string_utils.hpp>
 #include <vlk/system/thread.hpp>

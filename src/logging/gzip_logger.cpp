@@ -1,5 +1,7 @@
 #include <vlk/logging/gzip_logger.hpp>
 
+#include <zlib.h>
+
 #include <vlk/logging/file_logger.hpp>
 #include <vlk/system/convert.hpp>
 #include <vlk/system/directory.hpp>

@@ -16,15 +16,19 @@
 #include <vlk/logging/console_logger.hpp>
 #include <vlk/logging/file_logger.hpp>
 #include <vlk/logging/gzip_logger.hpp>
+#include <vlk/logging/internal/velk_logger_impl.hpp>
 #include <vlk/logging/iso_timestamp.hpp>
 #include <vlk/logging/syslog_logger.hpp>
 #include <vlk/logging/target.hpp>
 #include <vlk/system/fatal.hpp>
 #include <vlk/system/host.hpp>
+#include <vlk/system/init_once.hpp>
 
 namespace vlk {
 
-constinit system::init_once<_velk_logger_detail::_velk_logger_impl> velk_logger::_instance;
+namespace {
+constinit system::init_once<_velk_logger_detail::_velk_logger_impl> g_instance;
+}  // namespace
 
 namespace _velk_logger_detail {
 namespace {
@@ -76,8 +80,8 @@ _velk_logger_impl::_velk_logger_impl()
 void _velk_logger_impl::init() {
     _messageCount.store(0, std::memory_order_relaxed);
     _flushGeneration.store(0, std::memory_order_relaxed);
-    _activeLevels.store(0xFF, std::memory_order_relaxed);
     _configuredLevels = 0;
+    _setActiveLevels(0xFF);
     addTargetFactory("file", file_logger::factory);
     addTargetFactory("gzip", gzip_logger::factory);
     addTargetFactory("stdout", console_logger::factory);
@@ -86,6 +90,8 @@ void _velk_logger_impl::init() {
 }
 
 _velk_logger_impl::~_velk_logger_impl() {
+    // Relaxed: callers that still pass the filter find `_impl` null below.
+    velk_logger::_filter.store(0, std::memory_order_relaxed);
     // Release: a late caller sees null and logs nothing, instead of reaching
     // the memory freed here.
     velk_logger::_impl.store(nullptr, std::memory_order_release);
@@ -154,7 +160,7 @@ bool _velk_logger_impl::start() {
     if (!_stopped.compare_exchange_strong(expected, 0, std::memory_order_acq_rel)) {
         return true;
     }
-    _activeLevels.store(_configuredLevels, std::memory_order_relaxed);
+    _setActiveLevels(_configuredLevels);
     _loggingThread.start([this] { _loggingThreadEntryPoint(); }, 0);
     return true;
 }
@@ -347,6 +353,15 @@ void _velk_logger_impl::addTarget(target_config& config) {
     for (const auto& entry : target->_fatalErrors) {
         _fatalErrors.insert(entry.key);
     }
+    _setActiveLevels(_activeLevels.load(std::memory_order_relaxed));
+}
+
+void _velk_logger_impl::_setActiveLevels(std::uint32_t levels) {
+    // Relaxed, both: each is one word that any thread may read at any time,
+    // and every value either held is a valid filter (see willLog).
+    _activeLevels.store(levels, std::memory_order_relaxed);
+    const std::uint32_t named = _includeErrors.empty() ? 0 : velk_logger::k_namedRows;
+    velk_logger::_filter.store(levels | named, std::memory_order_relaxed);
 }
 
 void _velk_logger_impl::getLoggersInfo(base::worklist<file_logging_info>& files,
@@ -408,7 +423,7 @@ void logEscapedException(std::string_view what) {
 
 void velk_logger::init() {
     log_stream_allocator::init();
-    _instance.init();
+    g_instance.init();
     system::setFatalReporters({logAbort, logMappingFailure, logEscapedException});
 }
 
@@ -481,6 +496,26 @@ void velk_logger::imbueBackTrace(log_stream& stream) {
     std::free(symbols);
 }
 
+bool velk_logger::_isNamedRow(const error_id& id) {
+    const _velk_logger_impl* impl = _implementation();
+    return impl != nullptr && impl->willLog(id);
+}
+
+void velk_logger::_enqueue(const error_id& id, log_stream_buffer&& text,
+                           unsigned long flushMilliseconds) {
+    _velk_logger_impl* impl = _implementation();
+    if (impl == nullptr) {
+        return;
+    }
+    impl->log_with_move(id, std::move(text));
+    if (flushMilliseconds != 0) {
+        flush(flushMilliseconds);
+    }
+    if (impl->isFatalError(id)) {
+        _declaredFatal();
+    }
+}
+
 void velk_logger::flush() {
     if (_velk_logger_impl* impl = _implementation()) {
         impl->flush();
@@ -509,20 +544,20 @@ bool velk_logger::isShutdownInitiated() {
 }
 
 void velk_logger::shutdown() {
-    if (_instance.state() == system::init_once<_velk_logger_impl>::ready) {
-        _instance.get()->shutdown();
+    if (g_instance.state() == system::init_once<_velk_logger_impl>::ready) {
+        g_instance.get()->shutdown();
     }
 }
 
 void velk_logger::terminate() {
     system::setFatalReporters(system::defaultFatalReporters());
-    if (_instance.state() == system::init_once<_velk_logger_impl>::ready) {
-        _velk_logger_impl* impl = _instance.get();
+    if (g_instance.state() == system::init_once<_velk_logger_impl>::ready) {
+        _velk_logger_impl* impl = g_instance.get();
         // A logging thread still running would use the object destroyed
         // below: it delivers and stops first.
         impl->shutdown();
         impl->terminate();
-        _instance.shutdown();
+        g_instance.shutdown();
     }
     log_stream_allocator::terminate();
 }

@@ -1,4 +1,4 @@
-#include <vlk/memory/mpsc_slab_allocator.hpp>
+#include <vlk/memory/internal/mpsc_slab_allocator.hpp>
 
 #include <new>
 

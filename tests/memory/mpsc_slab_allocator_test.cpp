@@ -1,5 +1,5 @@
+#include <vlk/memory/internal/log_stream_allocator_impl.hpp>
 #include <vlk/memory/log_stream_allocator.hpp>
-#include <vlk/memory/mpsc_slab_allocator.hpp>
 #include <vlk/system/mmap.hpp>
 
 #include <gtest/gtest.h>
