@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <climits>
 #include <csignal>
@@ -23,7 +24,9 @@
 #include <vlk/logging/console_logger.hpp>
 #include <vlk/logging/internal/velk_logger_impl.hpp>
 #include <vlk/logging/target.hpp>
+#include <vlk/system/fatal.hpp>
 #include <vlk/system/host.hpp>
+#include <vlk/system/mmap.hpp>
 
 #include "capture_target.hpp"
 
@@ -420,6 +423,41 @@ TEST_F(Logger, RowDeclaredFatalIsLoggedThenEndsTheProcess) {
     EXPECT_EXIT(logFatal(), testing::ExitedWithCode(255),
                 "info: 00-0002 [^\n]*last words\n.*emergency: 00-0041 VELK encountered a fatal "
                 "condition and is exiting: error logged is declared fatal\\.\n$");
+}
+
+// A mapping that keeps failing ends the process after its record, once the
+// logger has taken over the bottom layer's reports.
+TEST_F(Logger, MappingFailureIsLoggedThenEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto mapNothing = [] {
+        ::unsetenv("VELK_ABORT");
+        vlk::target_config stderrTarget = config({{"Protocol", "stderr"}, {"Level", "error"}});
+        velk_logger::addTarget(stderrTarget);
+        velk_logger::start();
+        vlk::mmap(0);  // refused each time: the retries give up after a second
+    };
+    EXPECT_EXIT(mapNothing(), testing::ExitedWithCode(255),
+                "emergency: 00-0046 mmap failure:\n system errno          = [^\n]+\n "
+                "VELK mapped count     = [0-9]+\n VELK unmapped count   = [0-9]+\n");
+}
+
+// init() takes the bottom layer's fatal reports over; terminate() gives
+// them back.
+TEST(LoggerWithoutInit, InitTakesOverTheFatalReportsAndTerminateGivesThemBack) {
+    const auto defaults = vlk::system::defaultFatalReporters();
+    auto taken = [&defaults] {
+        const auto now = vlk::system::fatalReporters();
+        return std::array<bool, 3>{now.abort != defaults.abort,
+                                   now.mappingFailure != defaults.mappingFailure,
+                                   now.escapedException != defaults.escapedException};
+    };
+    const std::array<bool, 3> none{}, all{true, true, true};
+    EXPECT_EQ(taken(), none);
+    vlk::error_manager::init();
+    velk_logger::init();
+    EXPECT_EQ(taken(), all);
+    velk_logger::terminate();
+    EXPECT_EQ(taken(), none);
 }
 
 TEST(LoggerWithoutInit, StreamsDoNothingAndAbortWritesToStandardError) {
