@@ -24,6 +24,7 @@
 
 #include <vlk/catalogue/error_manager.hpp>
 #include <vlk/catalogue/errors.hpp>
+#include <vlk/logging/internal/velk_logger_impl.hpp>
 #include <vlk/logging/target.hpp>
 #include <vlk/logging/velk_logger.hpp>
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <zlib.h>
 
 #include <vlk/logging/file_logger.hpp>
 #include <vlk/system/convert.hpp>

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include <vlk/logging/file_logger.hpp>
+#include <vlk/logging/internal/velk_logger_impl.hpp>
 #include <vlk/logging/syslog_logger.hpp>
 #include <vlk/logging/target.hpp>
 #include <vlk/logging/velk_logger.hpp>

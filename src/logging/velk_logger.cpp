@@ -16,14 +16,19 @@
 #include <vlk/logging/console_logger.hpp>
 #include <vlk/logging/file_logger.hpp>
 #include <vlk/logging/gzip_logger.hpp>
+#include <vlk/logging/internal/velk_logger_impl.hpp>
 #include <vlk/logging/iso_timestamp.hpp>
 #include <vlk/logging/syslog_logger.hpp>
 #include <vlk/logging/target.hpp>
+#include <vlk/system/fatal.hpp>
 #include <vlk/system/host.hpp>
+#include <vlk/system/init_once.hpp>
 
 namespace vlk {
 
-constinit system::init_once<_velk_logger_detail::_velk_logger_impl> velk_logger::_instance;
+namespace {
+constinit system::init_once<_velk_logger_detail::_velk_logger_impl> g_instance;
+}  // namespace
 
 namespace _velk_logger_detail {
 namespace {
@@ -76,8 +81,8 @@ _velk_logger_impl::_velk_logger_impl()
 void _velk_logger_impl::init() {
     _messageCount.store(0, std::memory_order_relaxed);
     _flushGeneration.store(0, std::memory_order_relaxed);
-    _activeLevels.store(0xFF, std::memory_order_relaxed);
     _configuredLevels = 0;
+    _setActiveLevels(0xFF);
     addTargetFactory("file", file_logger::factory);
     addTargetFactory("gzip", gzip_logger::factory);
     addTargetFactory("stdout", console_logger::factory);
@@ -86,6 +91,8 @@ void _velk_logger_impl::init() {
 }
 
 _velk_logger_impl::~_velk_logger_impl() {
+    // Relaxed: callers that still pass the filter find `_impl` null below.
+    velk_logger::_filter.store(0, std::memory_order_relaxed);
     // Release: a late caller sees null and logs nothing, instead of reaching
     // the memory freed here.
     velk_logger::_impl.store(nullptr, std::memory_order_release);
@@ -157,7 +164,7 @@ bool _velk_logger_impl::start() {
     if (!_stopped.compare_exchange_strong(expected, 0, std::memory_order_acq_rel)) {
         return true;
     }
-    _activeLevels.store(_configuredLevels, std::memory_order_relaxed);
+    _setActiveLevels(_configuredLevels);
     _threadEnded.store(false, std::memory_order_relaxed);  // the thread start orders it
     _loggingThread.start([this] { _loggingThreadEntryPoint(); }, 0);
     return true;
@@ -456,6 +463,15 @@ void _velk_logger_impl::addTarget(target_config& config) {
     for (const auto& entry : target->_fatalErrors) {
         _fatalErrors.insert(entry.key);
     }
+    _setActiveLevels(_activeLevels.load(std::memory_order_relaxed));
+}
+
+void _velk_logger_impl::_setActiveLevels(std::uint32_t levels) {
+    // Relaxed, both: each is one word that any thread may read at any time,
+    // and every value either held is a valid filter (see willLog).
+    _activeLevels.store(levels, std::memory_order_relaxed);
+    const std::uint32_t named = _includeErrors.empty() ? 0 : velk_logger::k_namedRows;
+    velk_logger::_filter.store(levels | named, std::memory_order_relaxed);
 }
 
 void _velk_logger_impl::getLoggersInfo(base::worklist<file_logging_info>& files,
@@ -487,9 +503,38 @@ void _velk_logger_impl::imbueBackTrace(log_stream& stream) {
 
 using _velk_logger_detail::_velk_logger_impl;
 
+namespace {
+
+// The bottom layer's fatal ends, logged as their catalogue rows while the
+// logger exists. Installed by init(), replaced by the defaults in terminate().
+void logAbort(const std::string& message) {
+    const auto& row = errors::E000041;
+    velk_logger::abort(velk_error_stream3<std::string, std::string, std::string>(
+        row, row.fragments[0], message, row.fragments[1]));
+}
+
+void logMappingFailure(const system::mapping_failure& failure) {
+    const auto& row = errors::E000046;
+    const auto& pieces = row.fragments;
+    velk_logger::abort(
+        velk_error_stream9<std::string, std::string, std::string, unsigned long, std::string,
+                           unsigned long, std::string, unsigned long, std::string>(
+            row, pieces[0], failure.errorText, pieces[1], failure.mapped, pieces[2],
+            failure.unmapped, pieces[3], failure.active, pieces[4]));
+}
+
+void logEscapedException(std::string_view what) {
+    const auto& row = errors::E300004;
+    velk_logger::log(
+        velk_error_stream2<std::string, std::string>(row, row.fragments[0], std::string(what)));
+}
+
+}  // namespace
+
 void velk_logger::init() {
     log_stream_allocator::init();
-    _instance.init();
+    g_instance.init();
+    system::setFatalReporters({logAbort, logMappingFailure, logEscapedException});
 }
 
 bool velk_logger::start() {
@@ -567,6 +612,37 @@ void velk_logger::imbueBackTrace(log_stream& stream) {
     std::free(symbols);
 }
 
+bool velk_logger::_isNamedRow(const error_id& id) {
+    const _velk_logger_impl* impl = _implementation();
+    return impl != nullptr && impl->willLog(id);
+}
+
+void velk_logger::_enqueue(const error_id& id, log_stream_buffer&& text,
+                           unsigned long flushMilliseconds) {
+    _velk_logger_impl* impl = _implementation();
+    if (impl == nullptr) {
+        return;
+    }
+    impl->log_with_move(id, std::move(text));
+    if (flushMilliseconds != 0) {
+        flush(flushMilliseconds);
+    }
+    if (impl->isFatalError(id) && !_endingProcess) {
+        _declaredFatal();
+    }
+}
+
+void velk_logger::_enqueue(const error_id& id, message_text& text) {
+    _velk_logger_impl* impl = _implementation();
+    if (impl == nullptr) {
+        return;
+    }
+    impl->log_text(id, text);
+    if (impl->isFatalError(id) && !_endingProcess) {
+        _declaredFatal();
+    }
+}
+
 void velk_logger::flush() {
     if (_velk_logger_impl* impl = _implementation()) {
         impl->flush();
@@ -594,14 +670,14 @@ bool velk_logger::isShutdownInitiated() {
 }
 
 void velk_logger::shutdown() {
-    if (_instance.state() == system::init_once<_velk_logger_impl>::ready) {
-        _instance.get()->shutdown();
+    if (g_instance.state() == system::init_once<_velk_logger_impl>::ready) {
+        g_instance.get()->shutdown();
     }
 }
 
 bool velk_logger::shutdown(unsigned long milliseconds) {
-    if (_instance.state() == system::init_once<_velk_logger_impl>::ready) {
-        return _instance.get()->shutdown(milliseconds);
+    if (g_instance.state() == system::init_once<_velk_logger_impl>::ready) {
+        return g_instance.get()->shutdown(milliseconds);
     }
     return true;
 }
@@ -612,13 +688,14 @@ std::uint64_t velk_logger::queuedCount() {
 }
 
 void velk_logger::terminate() {
-    if (_instance.state() == system::init_once<_velk_logger_impl>::ready) {
-        _velk_logger_impl* impl = _instance.get();
+    system::setFatalReporters(system::defaultFatalReporters());
+    if (g_instance.state() == system::init_once<_velk_logger_impl>::ready) {
+        _velk_logger_impl* impl = g_instance.get();
         // A logging thread still running would use the object destroyed
         // below: it delivers and stops first.
         impl->shutdown();
         impl->terminate();
-        _instance.shutdown();
+        g_instance.shutdown();
     }
     log_stream_allocator::terminate();
 }
@@ -673,34 +750,16 @@ void velk_logger::_declaredFatal() {
                                                                  row.fragments[1]));
 }
 
-// Over at most 10 bytes, so that every leading part of "backtrace", the
-// empty one included, matches and nothing longer does.
 int velk_logger::_abortMode() {
-    const char* value = std::getenv("VELK_ABORT");
-    if (value == nullptr) {
-        return 0;
-    }
-    const std::size_t length = std::min<std::size_t>(std::strlen(value), 10);
-    return std::memcmp(value, "backtrace", length) == 0 ? 1 : 2;
+    return static_cast<int>(system::endMode());
 }
 
 void velk_logger::_writeToStandardError(const char* text, std::uint64_t length) {
-    while (length > 0) {
-        const ssize_t written = ::write(STDERR_FILENO, text, length);
-        if (written <= 0) {
-            return;
-        }
-        text += written;
-        length -= static_cast<std::uint64_t>(written);
-    }
-    [[maybe_unused]] ssize_t ignored = ::write(STDERR_FILENO, "\n", 1);
+    system::writeToStandardError(text, length);
 }
 
 void velk_logger::_end(int mode) {
-    if (mode == 2) {
-        std::abort();
-    }
-    ::_exit(-1);
+    system::endProcess(static_cast<system::end_mode>(mode));
 }
 
 }  // namespace vlk

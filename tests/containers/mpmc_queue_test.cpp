@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include <vlk/memory/mmap.hpp>
+#include <vlk/system/mmap.hpp>
 
 #include "../concurrency.hpp"
 

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <climits>
@@ -22,8 +23,11 @@
 #include <vlk/catalogue/error_manager.hpp>
 #include <vlk/catalogue/errors.hpp>
 #include <vlk/logging/console_logger.hpp>
+#include <vlk/logging/internal/velk_logger_impl.hpp>
 #include <vlk/logging/target.hpp>
+#include <vlk/system/fatal.hpp>
 #include <vlk/system/host.hpp>
+#include <vlk/system/mmap.hpp>
 
 #include "capture_target.hpp"
 
@@ -260,7 +264,7 @@ TEST_F(Logger, SleepingThreadIsWokenByThe128thMessageNotByTheTick) {
 // counts the rest, and one line says how many before the next record
 // delivered, here the first.
 TEST_F(Logger, QueueLimitDropsPastTheLimitAndSaysHowManyBeforeTheNextRecord) {
-    const std::uint64_t perRecord = vlk::log_stream_allocator::slab_allocator::roundedSize(128) +
+    const std::uint64_t perRecord = vlk::log_stream_allocator::blockSize(128) +
                                     sizeof(vlk::_velk_logger_detail::fast_log_message);
     struct row {
         std::uint64_t limitRecords;  // 0: no limit
@@ -509,6 +513,41 @@ TEST_F(Logger, RowDeclaredFatalIsLoggedThenEndsTheProcess) {
                     ending + (threads == 0 ? "$" : ""))
             << fatal << " on " << threads << " threads";
     }
+}
+
+// A mapping that keeps failing ends the process after its record, once the
+// logger has taken over the bottom layer's reports.
+TEST_F(Logger, MappingFailureIsLoggedThenEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto mapNothing = [] {
+        ::unsetenv("VELK_ABORT");
+        vlk::target_config stderrTarget = config({{"Protocol", "stderr"}, {"Level", "error"}});
+        velk_logger::addTarget(stderrTarget);
+        velk_logger::start();
+        vlk::mmap(0);  // refused each time: the retries give up after a second
+    };
+    EXPECT_EXIT(mapNothing(), testing::ExitedWithCode(255),
+                "emergency: 00-0046 mmap failure:\n system errno          = [^\n]+\n "
+                "VELK mapped count     = [0-9]+\n VELK unmapped count   = [0-9]+\n");
+}
+
+// init() takes the bottom layer's fatal reports over; terminate() gives
+// them back.
+TEST(LoggerWithoutInit, InitTakesOverTheFatalReportsAndTerminateGivesThemBack) {
+    const auto defaults = vlk::system::defaultFatalReporters();
+    auto taken = [&defaults] {
+        const auto now = vlk::system::fatalReporters();
+        return std::array<bool, 3>{now.abort != defaults.abort,
+                                   now.mappingFailure != defaults.mappingFailure,
+                                   now.escapedException != defaults.escapedException};
+    };
+    const std::array<bool, 3> none{}, all{true, true, true};
+    EXPECT_EQ(taken(), none);
+    vlk::error_manager::init();
+    velk_logger::init();
+    EXPECT_EQ(taken(), all);
+    velk_logger::terminate();
+    EXPECT_EQ(taken(), none);
 }
 
 TEST(LoggerWithoutInit, StreamsDoNothingAndAbortWritesToStandardError) {

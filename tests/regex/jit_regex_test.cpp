@@ -1,6 +1,7 @@
 #include <vlk/regex/jit_regex.hpp>
 
 #include <gtest/gtest.h>
+#include <pcre.h>
 
 #include <string>
 

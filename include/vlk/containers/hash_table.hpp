@@ -28,8 +28,8 @@
 #include <type_traits>
 #include <utility>
 
-#include <vlk/memory/allocate.hpp>
 #include <vlk/system/abort.hpp>
+#include <vlk/system/allocate.hpp>
 #include <vlk/system/host.hpp>
 
 namespace vlk::base {

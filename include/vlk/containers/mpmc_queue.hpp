@@ -22,9 +22,9 @@
 #include <new>
 #include <utility>
 
-#include <vlk/containers/spin_lock.hpp>
-#include <vlk/memory/mmap.hpp>
 #include <vlk/system/host.hpp>
+#include <vlk/system/mmap.hpp>
+#include <vlk/system/spin_lock.hpp>
 
 namespace vlk::lockfree {
 

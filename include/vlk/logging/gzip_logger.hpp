@@ -28,12 +28,14 @@
 // lock.
 #pragma once
 
-#include <zlib.h>
-
 #include <cstdint>
 #include <string>
 
 #include <vlk/logging/target.hpp>
+
+// zlib's file handle, declared as <zlib.h> declares it (gzFile is a pointer
+// to it), so that this header does not bring in zlib's interface.
+struct gzFile_s;
 
 namespace vlk {
 
@@ -48,7 +50,7 @@ class gzip_logger_impl : public velk_logger::logger {
     void flush() override;
     bool getFileLoggerInfo(file_logging_info& info) override;
 
-    gzFile _file = nullptr;
+    gzFile_s* _file = nullptr;
     std::string _fileNamePattern = "%Y-%m-%dT%H:%M:%S.log.gz";
     std::string _currentFileName;              // the name `_file` was opened under
     std::uint64_t _rotationThreshold = ~0ull;  // all ones: no size rotation
