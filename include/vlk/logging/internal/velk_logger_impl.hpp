@@ -167,8 +167,7 @@ class alignas(128) _velk_logger_impl {
 
     // What a queued record holds: its text's block and its slot.
     static std::int64_t _recordBytes(std::uint64_t capacity) {
-        const std::uint64_t block =
-            capacity == 0 ? 0 : log_stream_allocator::blockSize(capacity);
+        const std::uint64_t block = capacity == 0 ? 0 : log_stream_allocator::blockSize(capacity);
         return static_cast<std::int64_t>(block + sizeof(fast_log_message));
     }
 
