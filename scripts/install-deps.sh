@@ -2,7 +2,8 @@
 # Installs the Debian 12 packages the project needs to build and test.
 # Does nothing when they are all present; needs root (or sudo) otherwise.
 # Usage: scripts/install-deps.sh [--bench] [--fuzz] [--mutate]
-#   --bench  Google Benchmark, fmt and the baseline libraries, for bench/
+#   --bench  Google Benchmark, fmt and the baseline libraries, for bench/;
+#            time, whose peak RSS logscan_bench.sh reads
 #   --fuzz   clang with libFuzzer, for fuzz/ (scripts/fuzz.sh)
 #   --mutate ccache, so that scripts/mutate.sh recompiles a restored file
 #            from its cache
@@ -16,7 +17,7 @@ for group in "$@"; do
   case "$group" in
     --bench) packages+=(libbenchmark-dev libfmt-dev libconcurrentqueue-dev
                          libxenium-dev libtbb-dev libcuckoo-dev
-                         libjemalloc-dev libmimalloc-dev libspdlog-dev) ;;
+                         libjemalloc-dev libmimalloc-dev libspdlog-dev time) ;;
     --fuzz) packages+=(clang libclang-rt-14-dev) ;;
     --mutate) packages+=(ccache) ;;
     *) echo "usage: scripts/install-deps.sh [--bench] [--fuzz] [--mutate]" >&2; exit 2 ;;

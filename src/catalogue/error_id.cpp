@@ -78,4 +78,12 @@ void appendErrorId(std::string& text, const error_id& id) {
     text.append(buffer, renderErrorId(id, buffer));
 }
 
+void foldHexLetters(std::string& text) {
+    for (char& c : text) {
+        if (c >= 'a' && c <= 'f') {
+            c = static_cast<char>(c - 0x20);
+        }
+    }
+}
+
 }  // namespace vlk

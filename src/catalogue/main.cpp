@@ -39,17 +39,6 @@ void printUsage(const char* program) {
     std::cerr << "\t\tReturns all errors.\n\n";
 }
 
-// Brings the hexadecimal letters a-f to the case of the identifiers. Only
-// those six letters: it is no general upper-casing, and escapes such as \d
-// are folded too, on purpose.
-void foldHexLetters(std::string& text) {
-    for (char& c : text) {
-        if (c >= 'a' && c <= 'f') {
-            c = static_cast<char>(c - 0x20);
-        }
-    }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -62,7 +51,7 @@ int main(int argc, char** argv) {
     vlk::error_manager::init();
 
     std::string pattern(argv[1]);
-    foldHexLetters(pattern);
+    vlk::foldHexLetters(pattern);
 
     vlk::error_map found;
     vlk::error_manager::findErrors(pattern, found);

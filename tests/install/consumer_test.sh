@@ -43,6 +43,11 @@ if [[ ${PORTABLE:-OFF} == ON ]]; then
         "$prefix/bin/velkmsg" $WRAPPED_SYMBOLS
 fi
 
+step "installed vlk-logscan and its man page"
+printf '2026-01-02T03:04:05.1234560 [1] info: 01-0001 text\n' | "$prefix/bin/vlk-logscan" |
+    grep -q '^VELK Message 01-0001 ' || fail "installed vlk-logscan reports no row"
+[[ -f $prefix/share/man/man1/vlk-logscan.1 ]] || fail "no man page for vlk-logscan"
+
 step "consumer through find_package(vlk)"
 "$cmake" -S "$here/consumer" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_BUILD_TYPE=RelWithDebInfo

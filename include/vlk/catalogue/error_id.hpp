@@ -77,4 +77,9 @@ std::size_t renderErrorId(const error_id& id, char* out);
 // Appends the text form of `id` to `text`.
 void appendErrorId(std::string& text, const error_id& id);
 
+// Brings the hexadecimal letters a-f of a search pattern to the case of the
+// identifiers. Only those six letters: it is no general upper-casing, and
+// escapes such as \d are folded too, on purpose.
+void foldHexLetters(std::string& text);
+
 }  // namespace vlk
