@@ -139,22 +139,6 @@ TEST_F(FileLogger, CutLineIsEndedBeforeTheNextRecord) {
     EXPECT_EQ(readFile("a.log"), "whole\ncut\nnext\nafter\n");
 }
 
-TEST_F(FileLogger, FullDeviceSuspendsWriting) {
-    made file = make({{"FileName", {"/dev/full"}}});
-    ASSERT_TRUE(file.target->init());
-    const std::int64_t before = coarseSeconds();
-    for (int i = 0; i < 100 && !file.impl()._diskFull; ++i) {
-        file.log(record);  // the stream's buffer fills, then its write fails
-    }
-    ASSERT_TRUE(file.impl()._diskFull);
-    EXPECT_GE(file.impl()._lastSpaceCheck, before);
-    const std::uint64_t written = file.impl()._bytesWritten;
-    file.log(record);
-    file.target->flush();
-    EXPECT_EQ(file.impl()._bytesWritten, written);
-    file.target->shutdown();
-}
-
 // Moves the last look at free space back instead of waiting for the clock.
 TEST_F(FileLogger, FullFileSystemDropsLinesUntilSpaceIsFreed) {
     const vlk_test::small_tmpfs disk(_root + "/mnt", "size=64k");

@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <functional>
 #include <map>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -132,18 +131,18 @@ TEST_F(Logger, RecordLineHasTimeThreadLevelIdentifierAndBodyByteForByte) {
               "warning 1FB12345 five digits");
     EXPECT_EQ(lines[2].level + " " + lines[2].identifier + " " + lines[2].body, "warning 1F-0007 ");
 
-    // The timestamp is the local time of the enqueue.
+    // The timestamp is the local time of the enqueue: the minute before or
+    // after it.
     timeval after{};
     ::gettimeofday(&after, nullptr);
-    auto minute = [](const timeval& time) {
-        char text[64];
+    std::string minutes;
+    for (const timeval& time : {before, after}) {
+        char text[32];
         tm local{};
         ::localtime_r(&time.tv_sec, &local);
-        std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M", &local);
-        return std::string(text);
-    };
-    const std::string stamped = lines[0].timestamp.substr(0, 16);
-    EXPECT_TRUE(stamped == minute(before) || stamped == minute(after)) << stamped;
+        minutes.append(text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M ", &local));
+    }
+    EXPECT_NE(minutes.find(lines[0].timestamp.substr(0, 16) + " "), std::string::npos) << minutes;
 }
 
 TEST_F(Logger, FilterDecidesBeforeFormattingAndEachTargetFiltersForItself) {
@@ -183,21 +182,6 @@ TEST_F(Logger, FilterDecidesBeforeFormattingAndEachTargetFiltersForItself) {
     velk_logger::getLoggersInfo(files, consoles, syslogs);
     EXPECT_EQ(files.count + consoles.count + syslogs.count,
               0U);  // capture targets describe nothing
-}
-
-TEST_F(Logger, WithoutTargetsNothingIsActiveAndOnlyIncludedRowsPass) {
-    auto* built = velk_logger::_implementation();
-    velk_logger::init();  // again: nothing changes
-    EXPECT_EQ(velk_logger::_implementation(), built);
-    EXPECT_FALSE(velk_logger::isFatalError(infoRow));
-    addCaptureTarget(config({{"IncludeErrors", "00-0002"}, {"FatalErrors", "00-0034"}}));
-    ASSERT_TRUE(velk_logger::start());
-    EXPECT_TRUE(velk_logger::willLog(infoRow));
-    EXPECT_FALSE(velk_logger::willLog(criticalRow));
-    // A fatal row that no target lets through is neither logged nor fatal.
-    EXPECT_TRUE(velk_logger::isFatalError(warningRow));
-    logRow(warningRow, "ignored");
-    deliver();
 }
 
 TEST_F(Logger, WakesOnEvery128thMessageAndDeliversTheRestOnItsTick) {
@@ -337,39 +321,6 @@ TEST_F(Logger, TerminateWritesWhatIsLeftAtErrorAndAboveToStandardError) {
     EXPECT_NE(written.find("] critical: 00-0035 " + criticalRow.fragments[0] + "kept too\n"),
               std::string::npos);
     EXPECT_FALSE(velk_logger::willLog(errorRow));  // nothing is left to log to
-}
-
-TEST_F(Logger, EveryThreadButTheFirstEnlistsWithAnIdOfItsOwn) {
-    capture_target& target = addCaptureTarget(config({{"Level", "info"}}));
-    ASSERT_TRUE(velk_logger::start());
-    logRow(infoRow, "main");
-    std::vector<std::uint64_t> ids(3);
-    std::vector<pid_t> tids(3);
-    for (int i = 0; i < 3; ++i) {
-        std::thread([&, i] {
-            tids[i] = vlk::system::threadId();
-            logRow(infoRow, "worker");
-            ids[i] = velk_logger::threadLogId();
-        }).join();
-    }
-    deliver();
-    const std::vector<record> lines = records(target);
-    ASSERT_EQ(lines.size(), 7U);  // main's line, then an enlisting and a line per worker
-    EXPECT_EQ(lines[0].logId, std::to_string(velk_logger::threadLogId()));
-    std::set<std::uint64_t> distinct{velk_logger::threadLogId()};
-    for (int i = 0; i < 3; ++i) {
-        const record& enlisted = lines[1 + 2 * i];
-        EXPECT_EQ(enlisted.identifier, "00-0027");
-        EXPECT_EQ(enlisted.body.rfind("Enlisted new thread ppid(" + std::to_string(::getpid()) +
-                                          ") pid(" + std::to_string(tids[i]) + ") tid(",
-                                      0),
-                  0U)
-            << enlisted.body;
-        EXPECT_EQ(enlisted.logId, std::to_string(ids[i]));
-        EXPECT_EQ(lines[2 + 2 * i].logId, std::to_string(ids[i]));
-        distinct.insert(ids[i]);
-    }
-    EXPECT_EQ(distinct.size(), 4U);
 }
 
 // 8 producers on 2 cores, through a target that holds the logging thread up
