@@ -1,6 +1,7 @@
 // isMatch on a registered handle against a bare pcre_exec on the same
 // JIT-studied expression: what the registry adds per match.
 #include <benchmark/benchmark.h>
+#include <pcre.h>
 
 #include <array>
 #include <string>

@@ -33,6 +33,7 @@ using namespace vlk_bench;
 
 constexpr int k_roundCalls = 1000;
 constexpr int k_rounds = 300;
+constexpr int k_warmRounds = 20;
 
 // The cost of reading the counter twice, the floor of every sample.
 double timerNanoseconds() {
@@ -60,7 +61,10 @@ void callLatency(benchmark::State& state) {
     const auto producers = static_cast<int>(state.range(0));
     std::vector<std::vector<std::uint64_t>> samples(static_cast<std::size_t>(producers));
     for (auto& mine : samples) {
-        mine.reserve(static_cast<std::size_t>(k_roundCalls * (state.max_iterations + 1)));
+        // Written once here, so that the pages of the samples are not
+        // counted among the faults of the calls.
+        mine.resize(static_cast<std::size_t>(k_roundCalls * (state.max_iterations + 1)));
+        mine.clear();
     }
     std::uint64_t rounds = 0;
     long faults = 0;
@@ -73,10 +77,13 @@ void callLatency(benchmark::State& state) {
                 mine.push_back(vlk::system::time::ticks() - start);
             }
         });
-        // A round that is not kept: a thread's first call sets up its
-        // per-thread state on either side.
-        team.round();
-        side::drain();
+        // Rounds that are not kept: a thread's first call sets up its
+        // per-thread state on either side, and the next ones bring the
+        // allocators and queues to the sizes they keep.
+        for (int warm = 0; warm < k_warmRounds; ++warm) {
+            team.round();
+            side::drain();
+        }
         for (auto& mine : samples) {
             mine.clear();
         }
@@ -88,13 +95,14 @@ void callLatency(benchmark::State& state) {
             state.ResumeTiming();
         }
         faults = minorFaults() - faults;
-        rounds = state.iterations() + 1;
+        rounds = state.iterations() + k_warmRounds;
     }
     std::vector<std::uint64_t> all;
     for (const auto& mine : samples) {
         all.insert(all.end(), mine.begin(), mine.end());
     }
     state.counters["p50_ns"] = quantile(all, 0.5);
+    state.counters["p90_ns"] = quantile(all, 0.9);
     state.counters["p99_ns"] = quantile(all, 0.99);
     state.counters["p99.9_ns"] = quantile(all, 0.999);
     state.counters["timer_ns"] = timerNanoseconds();

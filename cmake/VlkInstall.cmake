@@ -19,7 +19,8 @@ if(VLK_BUILD_TOOLS OR VLK_BUILD_TESTS)
   install(FILES ${PROJECT_BINARY_DIR}/man/velkmsg.1 ${PROJECT_SOURCE_DIR}/man/vlk-logscan.1
           DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
-install(TARGETS vlk EXPORT vlkTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+# vlk::link_wrappers is installed for a program that opts in to them.
+install(TARGETS vlk vlk_link_wrappers EXPORT vlkTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
 # The public headers, and what the build stages beside them (the catalogue
@@ -37,16 +38,18 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/vlkConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/vlkConfig.cmake ${PROJECT_BINARY_DIR}/vlkConfigVersion.cmake
         DESTINATION ${VLK_INSTALL_CMAKEDIR})
 
-# pkg-config: the library's link options (the libc wrappers) go into Libs in
-# the compiler driver's spelling, so that a pkg-config consumer links as a
-# CMake consumer does.
-get_target_property(_vlk_pc_link_options vlk INTERFACE_LINK_OPTIONS)
+# pkg-config: vlk.pc for the library, vlk-link-wrappers.pc for a program
+# that opts in to the libc wrappers; their link options go into Libs in the
+# compiler driver's spelling, so that it links as a CMake consumer does.
+get_target_property(_vlk_pc_link_options vlk_link_wrappers INTERFACE_LINK_OPTIONS)
 list(TRANSFORM _vlk_pc_link_options REPLACE "^LINKER:" "-Wl,")
 list(JOIN _vlk_pc_link_options " " VLK_PC_LINK_OPTIONS)
 file(RELATIVE_PATH VLK_PC_PREFIX_FROM_PCFILEDIR /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix/)
 string(REGEX REPLACE "/$" "" VLK_PC_PREFIX_FROM_PCFILEDIR "${VLK_PC_PREFIX_FROM_PCFILEDIR}")
-configure_file(cmake/vlk.pc.in ${PROJECT_BINARY_DIR}/vlk.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/vlk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+foreach(_vlk_pc vlk vlk-link-wrappers)
+  configure_file(cmake/${_vlk_pc}.pc.in ${PROJECT_BINARY_DIR}/${_vlk_pc}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${_vlk_pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
 
 # The licence and the changelog, where Debian keeps a package's documents.
 install(FILES ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/CHANGELOG.md

@@ -40,8 +40,8 @@ set(VLK_PINNED_SYMBOLS
   pthread_attr_getstacksize pthread_attr_setstacksize pthread_create pthread_detach
   pthread_join pthread_key_create __pthread_key_create pthread_mutexattr_destroy
   pthread_mutexattr_init pthread_mutexattr_settype pthread_once pthread_setspecific
-  pthread_setaffinity_np sem_destroy sem_init sem_post sem_timedwait
-  dlsym stat fstat64 aligned_alloc getentropy arc4random)
+  pthread_setaffinity_np sem_destroy sem_init sem_post sem_timedwait sem_trywait
+  dlsym stat fstat fstat64 aligned_alloc getentropy arc4random)
 
 function(vlk_portable_link target)
   if(NOT VLK_PORTABLE_LINK)

@@ -5,6 +5,7 @@
 // its time is up) and ends with a report of each target's state.
 //
 // Usage: vlk-logdemo <config file> [--threads N] [--rate R] [--seconds S]
+//                    [--queue-limit BYTES] [--strict]
 //        vlk-logdemo --help | --version
 //
 // The configuration holds one target per section:
@@ -14,13 +15,21 @@
 //   Protocol = stdout         one key of that target's configuration
 //   Level = warning
 //
+// What velk_logger::checkTargetConfig finds wrong in a section is printed as
+// a warning; with --strict the program refuses to start instead.
+//
 // Signals are taken synchronously: they are blocked in every thread before
 // the first one starts, and the main thread collects them with
-// sigtimedwait, so all logger calls run on ordinary threads.
+// sigtimedwait, so all logger calls run on ordinary threads. The program
+// ends within 5 seconds of SIGINT or SIGTERM even when a target is stalled
+// (a console on a pipe nobody reads): the flushes and the logger's shutdown
+// are timed, and when time runs out it says how many records were still
+// queued and ends without waiting for them.
 #include <pthread.h>
 #include <signal.h>
 #include <syslog.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -45,10 +54,14 @@ using vlk::velk_logger;
 
 constexpr const char* usageText =
     "usage: vlk-logdemo <config file> [--threads N] [--rate R] [--seconds S]\n"
+    "                   [--queue-limit BYTES] [--strict]\n"
     "       vlk-logdemo --help | --version\n"
     "  --threads N   producer threads (1 to 256, default 4)\n"
     "  --rate R      records per second per thread (1 to 10000000, default 1000)\n"
     "  --seconds S   how long to run (default 10); 0 runs until SIGINT or SIGTERM\n"
+    "  --queue-limit BYTES  drop records while the queue holds this much (default\n"
+    "                0: no limit); a line in the log says how many were dropped\n"
+    "  --strict      refuse to start if a target's configuration has a problem\n"
     "SIGHUP rotates the targets; SIGINT and SIGTERM stop the program.\n";
 
 // ---------------------------------------------------------------------------
@@ -59,6 +72,8 @@ struct options {
     std::uint64_t threads = 4;
     std::uint64_t rate = 1000;
     std::uint64_t seconds = 10;
+    std::uint64_t queueLimit = 0;
+    bool strict = false;
 };
 
 struct numeric_option {
@@ -68,10 +83,11 @@ struct numeric_option {
     std::uint64_t highest;
 };
 
-constexpr std::array<numeric_option, 3> numericOptions{{
+constexpr std::array<numeric_option, 4> numericOptions{{
     {"--threads", &options::threads, 1, 256},
     {"--rate", &options::rate, 1, 10000000},
     {"--seconds", &options::seconds, 0, 31536000},
+    {"--queue-limit", &options::queueLimit, 0, std::uint64_t{1} << 40},
 }};
 
 // A whole decimal number in [lowest, highest], nothing before or after it.
@@ -101,6 +117,8 @@ bool parseArguments(int argc, char** argv, options& result, std::string& error) 
                         ", not \"" + std::string(value) + "\"";
                 return false;
             }
+        } else if (argument == "--strict") {
+            result.strict = true;
         } else if (argument.size() > 1 && argument[0] == '-') {
             error = "unknown option \"" + std::string(argument) + "\"";
             return false;
@@ -417,6 +435,19 @@ std::vector<const void*> currentTargets() {
     return result;
 }
 
+// Prints what the logger's checker finds in each section; returns the count.
+std::size_t warnAboutTargets(const std::vector<target_section>& sections) {
+    std::size_t count = 0;
+    for (const auto& section : sections) {
+        for (const std::string& problem : velk_logger::checkTargetConfig(section.config)) {
+            std::fprintf(stderr, "vlk-logdemo: warning: [%s] (line %d): %s\n", section.name.c_str(),
+                         section.line, problem.c_str());
+            ++count;
+        }
+    }
+    return count;
+}
+
 // Adds each section's target and remembers which section made it. The
 // logger says nothing about a section that made none, so this does.
 std::size_t addTargets(std::vector<target_section>& sections) {
@@ -566,6 +597,9 @@ sigset_t controlSignals() {
     return set;
 }
 
+// How long the program may take to end once it is told to stop.
+constexpr double stopSeconds = 4.0;
+
 // Serves SIGHUP until SIGINT, SIGTERM or the end of `seconds` (0: no end).
 // Returns what stopped the run.
 const char* waitForStop(std::uint64_t seconds, std::uint64_t& rotations) {
@@ -606,8 +640,16 @@ int run(const options& settings, std::vector<target_section>& sections) {
     vlk::system::init();
     vlk::error_manager::init();
     velk_logger::init();
+    velk_logger::setQueueLimit(settings.queueLimit);
     vlk::system::thread::setThreadTerminateFunction([] { velk_logger::threadTerminate(); });
 
+    const std::size_t problems = warnAboutTargets(sections);
+    if (settings.strict && problems != 0) {
+        std::fprintf(stderr, "vlk-logdemo: --strict: not starting with %zu problem%s\n", problems,
+                     problems == 1 ? "" : "s");
+        velk_logger::terminate();
+        return 1;
+    }
     if (addTargets(sections) == 0) {
         std::fprintf(stderr, "vlk-logdemo: no target could be made; records go nowhere\n");
     }
@@ -625,20 +667,37 @@ int run(const options& settings, std::vector<target_section>& sections) {
     }
 
     summary.stoppedBy = waitForStop(settings.seconds, summary.rotations);
+    // Everything from here to the end fits in this, whatever the targets do.
+    const double stopBy = monotonicSeconds() + stopSeconds;
+    const auto millisecondsLeft = [stopBy] {
+        return static_cast<unsigned long>(std::max(stopBy - monotonicSeconds(), 0.0) * 1000);
+    };
     velk_logger::initiateShutdown();
     for (auto& producer : producers) {
         producer.join();
     }
     summary.seconds = monotonicSeconds() - start;
 
-    // Shutdown releases the targets, so their state is read first. A pass
-    // under way may have looked at the queue before the last records went
-    // in; the second wait is for a pass that began after them.
-    velk_logger::flush();
-    velk_logger::flush();
+    // Shutdown releases the targets, so their state is read first, and only
+    // from a logging thread that is idle after its passes. A pass under way
+    // may have looked at the queue before the last records went in; the
+    // second wait is for a pass that began after them.
+    const bool idle =
+        velk_logger::flush(millisecondsLeft()) && velk_logger::flush(millisecondsLeft());
     loggers_info info;
-    velk_logger::getLoggersInfo(info.files, info.consoles, info.syslogs);
-    velk_logger::shutdown();
+    if (idle) {
+        velk_logger::getLoggersInfo(info.files, info.consoles, info.syslogs);
+    }
+    if (!velk_logger::shutdown(millisecondsLeft())) {
+        // A target is stuck in a write; the logger cannot be torn down under
+        // it, and the report could stick on the same pipe.
+        std::fprintf(stderr,
+                     "vlk-logdemo: %s: a target did not take its records within %.0f s; %" PRIu64
+                     " records were still queued and are lost\n",
+                     summary.stoppedBy, stopSeconds, velk_logger::queuedCount());
+        std::fflush(stderr);
+        ::_exit(3);
+    }
     printReport(summary, info);
     velk_logger::terminate();
     return 0;

@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the project needs to build and test.
 # Does nothing when they are all present; needs root (or sudo) otherwise.
-# Usage: scripts/install-deps.sh [--bench] [--fuzz]
+# Usage: scripts/install-deps.sh [--bench] [--fuzz] [--mutate]
 #   --bench  Google Benchmark, fmt and the baseline libraries, for bench/;
 #            time, whose peak RSS logscan_bench.sh reads
 #   --fuzz   clang with libFuzzer, for fuzz/ (scripts/fuzz.sh)
+#   --mutate ccache, so that scripts/mutate.sh recompiles a restored file
+#            from its cache
 set -euo pipefail
 
 # tzdata: the timestamp tests format local time in named zones.
@@ -18,7 +20,8 @@ for group in "$@"; do
                          libxenium-dev libtbb-dev libcuckoo-dev
                          libjemalloc-dev libmimalloc-dev libspdlog-dev time) ;;
     --fuzz) packages+=(clang libclang-rt-14-dev) ;;
-    *) echo "usage: scripts/install-deps.sh [--bench] [--fuzz]" >&2; exit 2 ;;
+    --mutate) packages+=(ccache) ;;
+    *) echo "usage: scripts/install-deps.sh [--bench] [--fuzz] [--mutate]" >&2; exit 2 ;;
   esac
 done
 

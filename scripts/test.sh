@@ -3,7 +3,7 @@
 # errors and the benchmarks (compiled, not run), and runs every test; then
 # builds build-asan/ under AddressSanitizer and UndefinedBehaviorSanitizer and
 # runs every test again; builds build-tsan/ under ThreadSanitizer and runs the
-# concurrency tests there; then builds the fuzz targets with clang in
+# tests labelled concurrency there; then builds the fuzz targets with clang in
 # build-fuzz/ and runs each for 20 seconds (scripts/fuzz.sh). Stops at the
 # first failure with a non-zero status. Prints how long each stage took.
 # Usage: scripts/test.sh
@@ -43,25 +43,20 @@ cmake --build build-asan -j2
 stage "test build-asan/"
 ctest --test-dir build-asan -j2 --output-on-failure
 
-# The tests of code shared between threads run once more under
-# ThreadSanitizer; the rest of the suite starts no threads of its own.
-tsan_targets=(spin_lock_test mmap_test mpmc_queue_test shared_pointer_test intrusive_pointer_test
-              worklist_test thread_tracker_test mpmc_hash_map_test jit_regex_test
-              regex_manager_test thread_test iso_timestamp_test mpsc_slab_allocator_test
-              log_stream_allocator_test velk_logger_test)
-tsan_tests='^(SpinLock|AllocatorStats|MpmcQueue|MpmcQueueStress|SharedPointer|IntrusivePointer'
-tsan_tests+='|Worklist|ThreadTracker|MpmcHashMap|JitRegex|RegexManager|Thread|IsoTimestamp'
-tsan_tests+='|MpscSlabAllocator|MpscSlabAllocatorRace|LogStreamAllocator|Logger)[./]'
-
-stage "build build-tsan/ (thread): ${tsan_targets[*]}"
+# The tests labelled concurrency (code shared between threads) run once more
+# under ThreadSanitizer; the rest of the suite starts no threads of its own.
+stage "build build-tsan/ (thread): tests labelled concurrency"
 cmake -S . -B build-tsan -DVLK_BUILD_TESTS=ON -DVLK_BUILD_BENCH=OFF -DVLK_WERROR=ON \
     -DVLK_SANITIZE=thread
-cmake --build build-tsan -j2 --target "${tsan_targets[@]}"
+cmake --build build-tsan -j2 --target vlk_concurrency_tests
 
 stage "test build-tsan/"
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-    ctest --test-dir build-tsan -j2 --output-on-failure -R "$tsan_tests" --no-tests=error
+    ctest --test-dir build-tsan -j2 --output-on-failure -L concurrency --no-tests=error
 
 stage "fuzz (build-fuzz/, 20 s per target)"
 scripts/fuzz.sh 20
 echo "=== $stage_name: $((SECONDS - stage_start)) s"
+
+echo "=== test lines against code lines"
+scripts/test_ratio.sh

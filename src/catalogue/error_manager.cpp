@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <locale>
 
+#include <pcre.h>
+
 #include <vlk/catalogue/errors.hpp>
 #include <vlk/regex/regex.hpp>
 #include <vlk/system/init_once.hpp>

@@ -1,6 +1,11 @@
 #include <vlk/logging/file_logger.hpp>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 
 #include <vlk/system/convert.hpp>
@@ -12,6 +17,10 @@ namespace {
 
 // Free space costs a system call, so it is looked at no more often than this.
 constexpr std::int64_t spaceCheckInterval = 5;
+// A file that would not open is tried again no sooner than this.
+constexpr std::int64_t openRetryNanoseconds = 1'000'000'000;
+
+}  // namespace
 
 std::int64_t coarseSeconds() {
     timespec now{};
@@ -19,7 +28,53 @@ std::int64_t coarseSeconds() {
     return now.tv_sec;
 }
 
-}  // namespace
+bool spaceIsBack(const std::string& name, unsigned long length, std::int64_t& lastCheck) {
+    const std::int64_t now = coarseSeconds();
+    if (now - lastCheck <= spaceCheckInterval) {
+        return false;
+    }
+    if (directory::getFreeSpace(name) <= length) {
+        lastCheck = now;
+        return false;
+    }
+    return true;
+}
+
+bool mayTryOpen(bool lastFailed, std::int64_t lastTry) {
+    return !lastFailed || coarseNanoseconds() - lastTry >= openRetryNanoseconds;
+}
+
+std::int64_t coarseNanoseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return now.tv_sec * 1'000'000'000 + now.tv_nsec;
+}
+
+std::string droppedLinesNotice(const char* line, unsigned long length, std::uint64_t dropped,
+                               const std::string& name) {
+    const void* blank = std::memchr(line, ' ', length);
+    std::string notice(line, blank != nullptr ? static_cast<const char*>(blank) : line);
+    notice += " [0] developer: 00-0000 " + std::to_string(dropped) +
+              (dropped == 1 ? " line was" : " lines were") + " dropped while " + name +
+              " could not be written\n";
+    return notice;
+}
+
+bool endsInCutLine(const std::string& name) {
+    // Non-blocking, so that a pipe under the name cannot hold this up.
+    const int file = ::open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) {
+        return false;
+    }
+    struct stat status {};
+    char last = '\n';
+    if (::fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0 &&
+        ::pread(file, &last, 1, status.st_size - 1) != 1) {
+        last = '\n';
+    }
+    ::close(file);
+    return last != '\n';
+}
 
 std::string expandFileName(const std::string& pattern, std::uint64_t count) {
     const std::time_t now = std::time(nullptr);
@@ -60,6 +115,8 @@ void file_logger_impl::openOrSwitchFile() {
         }
         _file = std::fopen(_currentFileName.c_str(), "w");
         ++_rotationCount;
+        _lastOpenFailed = _file == nullptr;
+        _lastOpenTry = coarseNanoseconds();
         if (_file == nullptr) {
             return;
         }
@@ -67,6 +124,8 @@ void file_logger_impl::openOrSwitchFile() {
         // Another name: the old file stays in use until the new one is open.
         FILE* opened = std::fopen(name.c_str(), "a");
         ++_rotationCount;  // also on failure, so that the next name differs
+        _lastOpenFailed = opened == nullptr;
+        _lastOpenTry = coarseNanoseconds();
         if (opened == nullptr) {
             if (_file == nullptr) {
                 return;
@@ -81,8 +140,10 @@ void file_logger_impl::openOrSwitchFile() {
             _file = opened;
         }
     }
-    // "a" opens at the end, so a file that existed counts with its length.
+    // "a" opens at the end, so a file that existed counts with its length;
+    // it may have been cut inside a line, by a crash or a full disk.
     _bytesWritten = static_cast<std::uint64_t>(std::ftell(_file));
+    _checkLineEnd = _bytesWritten != 0;
 }
 
 bool file_logger_impl::init() {
@@ -95,43 +156,78 @@ void file_logger_impl::rotate() {
 }
 
 bool file_logger_impl::_spaceIsBack(unsigned long length) {
-    const std::int64_t now = coarseSeconds();
-    if (now - _lastSpaceCheck <= spaceCheckInterval) {
-        return false;
-    }
-    if (directory::getFreeSpace(_currentFileName) <= length) {
-        _lastSpaceCheck = now;
+    if (!spaceIsBack(_currentFileName, length, _lastSpaceCheck)) {
         return false;
     }
     _diskFull = false;
     std::clearerr(_file);
+    // The failed write may have left part of a line in the file.
+    _checkLineEnd = true;
     return true;
+}
+
+bool file_logger_impl::_mayTryOpen() const {
+    return mayTryOpen(_lastOpenFailed, _lastOpenTry);
+}
+
+bool file_logger_impl::_write(const char* text, unsigned long length) {
+    errno = 0;
+    const std::size_t written = std::fwrite(text, 1, length, _file);
+    _bytesWritten += written;
+    if (written == length) {
+        return true;
+    }
+    if (!_diskFull && std::ferror(_file) && errno == ENOSPC) {
+        _diskFull = true;
+        _lastSpaceCheck = coarseSeconds();
+    }
+    // Whatever the cause, the file may now end inside this line.
+    _checkLineEnd = true;
+    return false;
 }
 
 void file_logger_impl::log(const error_id& id, const char* line, unsigned long length) {
     if (!_accepts(id)) {
         return;
     }
-    while (_rotationThreshold < _bytesWritten) {
+    // Size rotation before the write, and again if the new file is itself
+    // over the threshold. A new file that does not open leaves the old one
+    // in use, so nothing is lost, and is tried again a second later.
+    while (_rotationThreshold < _bytesWritten && _mayTryOpen()) {
         rotate();
     }
-    // Only a failed reopen of the current name leaves no stream. The line is
-    // dropped rather than handed to fwrite, and the next rotation tries the
-    // name again.
-    if (_file == nullptr) {
+    // A failed reopen of the current name leaves no stream: the name is
+    // tried again once a second, and lines are counted as dropped meanwhile.
+    if (_file == nullptr && _mayTryOpen()) {
+        rotate();
+    }
+    if (_file == nullptr || (_diskFull && !_spaceIsBack(length))) {
+        ++_droppedLines;
         return;
     }
-    std::size_t written = 0;
-    if (!_diskFull || _spaceIsBack(length)) {
-        errno = 0;
-        written = std::fwrite(line, 1, length, _file);
+    if (_checkLineEnd) {
+        _checkLineEnd = false;
+        // What the stream holds goes out first, so that the file's last
+        // byte is the last byte written.
+        std::fflush(_file);
+        if (endsInCutLine(_currentFileName) && !_write("\n", 1)) {
+            ++_droppedLines;
+            return;
+        }
     }
-    // A short write for any other reason only counts what went out.
-    if (!_diskFull && written != length && std::ferror(_file) && errno == ENOSPC) {
-        _diskFull = true;
-        _lastSpaceCheck = coarseSeconds();
+    if (_droppedLines != 0) {
+        const std::string notice =
+            droppedLinesNotice(line, length, _droppedLines, _currentFileName);
+        if (!_write(notice.data(), notice.size())) {
+            ++_droppedLines;
+            return;
+        }
+        _droppedLines = 0;
     }
-    _bytesWritten += written;
+    // A short write counts what went out, and the line as lost.
+    if (!_write(line, length)) {
+        ++_droppedLines;
+    }
 }
 
 void file_logger_impl::flush() {
@@ -176,6 +272,29 @@ base::shared_pointer<velk_logger::logger> file_logger::factory(target_config& co
         config["FileName"].valueOr(target->_rotationThreshold == ~0ull ? plain : numbered);
     target->_commonInit(config);
     return owner;
+}
+
+void file_logger::checkConfig(const target_config& config, std::vector<std::string>& problems) {
+    unsigned long threshold = 0;
+    if (const auto found = config.find("RotationThreshold");
+        found != config.end() && !found->second.text().empty() &&
+        !string_utils::getNumericByteConstant(found->second.text(), threshold)) {
+        problems.push_back("\"RotationThreshold\": \"" + found->second.text() +
+                           "\" is not a size (a number, then nothing or K, M, G or T for powers "
+                           "of 1024); the file is never rotated by size");
+    }
+    if (const auto found = config.find("FileName");
+        found != config.end() && !found->second.text().empty()) {
+        // The directory is made as the file opens, and only of these characters.
+        const std::string directory =
+            directory::dirname(_file_logger_detail::expandFileName(found->second.text(), 0));
+        if (directory.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                        "0123456789_-./") != std::string::npos) {
+            problems.push_back("\"FileName\": the directory \"" + directory +
+                               "\" has a character other than letters, digits, \"_\", \"-\", "
+                               "\".\" and \"/\", so it is not created");
+        }
+    }
 }
 
 }  // namespace vlk

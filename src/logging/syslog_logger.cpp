@@ -134,3 +134,29 @@ base::shared_pointer<velk_logger::logger> syslog_logger::factory(target_config& 
 }
 
 }  // namespace vlk
+
+namespace vlk {
+
+void syslog_logger::checkConfig(const target_config& config, std::vector<std::string>& problems) {
+    using namespace _syslog_logger_detail;
+    const auto unknown = [&](const char* key, std::string_view name, auto& table) {
+        if (valueOf(table, name, 0) == 0) {
+            problems.push_back("\"" + std::string(key) + "\": \"" + std::string(name) +
+                               "\" is not a name it knows (LOG_PID, LOG_USER, LOG_LOCAL0 and the "
+                               "like, exactly); it is ignored");
+        }
+    };
+    if (const auto options = config.find("Options"); options != config.end()) {
+        std::vector<std::string> tokens;
+        string_utils::tokenize(options->second.text(), tokens, ',');
+        for (const std::string& token : tokens) {
+            unknown("Options", token, option_names);
+        }
+    }
+    if (const auto facility = config.find("Facility");
+        facility != config.end() && !facility->second.text().empty()) {
+        unknown("Facility", facility->second.text(), facility_names);
+    }
+}
+
+}  // namespace vlk

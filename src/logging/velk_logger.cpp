@@ -16,14 +16,19 @@
 #include <vlk/logging/console_logger.hpp>
 #include <vlk/logging/file_logger.hpp>
 #include <vlk/logging/gzip_logger.hpp>
+#include <vlk/logging/internal/velk_logger_impl.hpp>
 #include <vlk/logging/iso_timestamp.hpp>
 #include <vlk/logging/syslog_logger.hpp>
 #include <vlk/logging/target.hpp>
+#include <vlk/system/fatal.hpp>
 #include <vlk/system/host.hpp>
+#include <vlk/system/init_once.hpp>
 
 namespace vlk {
 
-constinit system::init_once<_velk_logger_detail::_velk_logger_impl> velk_logger::_instance;
+namespace {
+constinit system::init_once<_velk_logger_detail::_velk_logger_impl> g_instance;
+}  // namespace
 
 namespace _velk_logger_detail {
 namespace {
@@ -31,6 +36,7 @@ namespace {
 constexpr long k_nanosecondsPerSecond = 1'000'000'000;
 constexpr long k_tickNanoseconds = 100'000'000;  // the logging thread's longest sleep
 constexpr long k_pollNanoseconds = 1'000'000;    // a waiter's sleep between looks
+constexpr double k_lingerNanoseconds = 50'000;   // how long an idle thread polls
 
 void sleepOnePoll() {
     timespec wanted{0, k_pollNanoseconds};
@@ -75,8 +81,8 @@ _velk_logger_impl::_velk_logger_impl()
 void _velk_logger_impl::init() {
     _messageCount.store(0, std::memory_order_relaxed);
     _flushGeneration.store(0, std::memory_order_relaxed);
-    _activeLevels.store(0xFF, std::memory_order_relaxed);
     _configuredLevels = 0;
+    _setActiveLevels(0xFF);
     addTargetFactory("file", file_logger::factory);
     addTargetFactory("gzip", gzip_logger::factory);
     addTargetFactory("stdout", console_logger::factory);
@@ -85,6 +91,8 @@ void _velk_logger_impl::init() {
 }
 
 _velk_logger_impl::~_velk_logger_impl() {
+    // Relaxed: callers that still pass the filter find `_impl` null below.
+    velk_logger::_filter.store(0, std::memory_order_relaxed);
     // Release: a late caller sees null and logs nothing, instead of reaching
     // the memory freed here.
     velk_logger::_impl.store(nullptr, std::memory_order_release);
@@ -141,11 +149,14 @@ velk_logger_tsd_data* _velk_logger_impl::_createData(velk_logger_tsd_data** slot
 }
 
 void _velk_logger_impl::log(const error_id& id, const std::string& text) {
+    if (_limited() && !_admit(message_text::capacityFor(text.size()))) {
+        return;
+    }
     // A first append sizes the buffer exactly as wanted: 128 bytes, or the
     // length rounded up to 128; an empty text leaves it without memory.
     log_stream buffer;
     buffer.append(text.data(), text.size());
-    log_with_move(id, std::move(buffer));
+    _enqueue(id, std::move(buffer));
 }
 
 bool _velk_logger_impl::start() {
@@ -153,7 +164,8 @@ bool _velk_logger_impl::start() {
     if (!_stopped.compare_exchange_strong(expected, 0, std::memory_order_acq_rel)) {
         return true;
     }
-    _activeLevels.store(_configuredLevels, std::memory_order_relaxed);
+    _setActiveLevels(_configuredLevels);
+    _threadEnded.store(false, std::memory_order_relaxed);  // the thread start orders it
     _loggingThread.start([this] { _loggingThreadEntryPoint(); }, 0);
     return true;
 }
@@ -163,17 +175,8 @@ void _velk_logger_impl::_loggingThreadEntryPoint() {
     message.buffer = log_stream_buffer::withCapacity(1024);
     for (;;) {
         _processLogQueue(message);
-
-        timespec deadline{};
-        ::clock_gettime(CLOCK_REALTIME, &deadline);
-        deadline.tv_nsec += k_tickNanoseconds;
-        if (deadline.tv_nsec >= k_nanosecondsPerSecond) {
-            deadline.tv_sec += 1;
-            deadline.tv_nsec -= k_nanosecondsPerSecond;
-        }
-        // Woken or timed out alike, the thread goes on; any other failure
-        // counts as a timeout.
-        while (::sem_timedwait(&_wakeup, &deadline) == -1 && errno == EINTR) {
+        if (!_lingerForWork()) {
+            _sleepUntilWoken();
         }
 
         // Acquire: pairs with the release store in rotate(). Taken before
@@ -186,9 +189,67 @@ void _velk_logger_impl::_loggingThreadEntryPoint() {
         // Acquire: pairs with the compare-and-swap in shutdown().
         if (_stopped.load(std::memory_order_acquire) != 0) {
             _processLogQueue(message);
+            // Relaxed: posts that come now reach nobody either way.
+            _asleep.store(1, std::memory_order_relaxed);
+            // Release: pairs with the acquire load in shutdown(milliseconds).
+            _threadEnded.store(true, std::memory_order_release);
             return;
         }
     }
+}
+
+// After a pass, the thread stays awake for a little while: a burst that is
+// still going on finds it polling, and its 128th message then costs its
+// producer no system call. True when work or a post came meanwhile.
+bool _velk_logger_impl::_lingerForWork() {
+    timespec start{};
+    ::clock_gettime(CLOCK_MONOTONIC, &start);
+    for (;;) {
+        for (int i = 0; i < 64; ++i) {
+            if (!_logQueue.empty()) {
+                return true;
+            }
+            __builtin_ia32_pause();
+        }
+        // A flush, rotate or shutdown posts: take the post and go on.
+        if (::sem_trywait(&_wakeup) == 0) {
+            return true;
+        }
+        timespec now{};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        if (secondsBetween(start, now) * 1e9 >= k_lingerNanoseconds) {
+            return false;
+        }
+    }
+}
+
+// Sleeps on the semaphore for at most one tick, unless a message came after
+// the thread said it sleeps; see _wakeIfAsleep() for the argument.
+void _velk_logger_impl::_sleepUntilWoken() {
+    // Seq_cst, store then load: the logging thread's half of the pair with
+    // the producers' add to _messageCount and load of _asleep.
+    _asleep.store(1, std::memory_order_seq_cst);
+    if (_messageCount.load(std::memory_order_seq_cst) == _takenCount) {
+        timespec deadline{};
+        ::clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_nsec += k_tickNanoseconds;
+        if (deadline.tv_nsec >= k_nanosecondsPerSecond) {
+            deadline.tv_sec += 1;
+            deadline.tv_nsec -= k_nanosecondsPerSecond;
+        }
+        // Woken or timed out alike, the thread goes on; any other failure
+        // counts as a timeout.
+        int result = 0;
+        while ((result = ::sem_timedwait(&_wakeup, &deadline)) == -1 && errno == EINTR) {
+        }
+        if (result == -1) {
+            // Relaxed: a statistic.
+            _tickWakes.fetch_add(1, std::memory_order_relaxed);
+        }
+    }
+    // Relaxed: producers that still read 1 post once in vain, which the
+    // next sleep absorbs as one empty pass.
+    _asleep.store(0, std::memory_order_relaxed);
 }
 
 void _velk_logger_impl::_processLogQueue(fast_log_message& message) {
@@ -210,11 +271,36 @@ void _velk_logger_impl::_processLogQueue(fast_log_message& message) {
 
 void _velk_logger_impl::_drainQueue(fast_log_message& message) {
     while (_logQueue.get(message)) {
+        ++_takenCount;
+        if (_queueLimit.load(std::memory_order_relaxed) != 0) [[unlikely]] {
+            _releaseQueued(message);
+        }
         _composeLine(message);
         message.buffer.reset();
         for (velk_logger::logger* target : _targetList) {
             target->log(message.id, _lineBuffer.data, _lineBuffer.length);
         }
+    }
+}
+
+// Takes the record out of the queued bytes and, after drops, hands the
+// targets one line that says how many, under the record's own identifier so
+// that it passes the filters of the targets that take the record.
+void _velk_logger_impl::_releaseQueued(const fast_log_message& message) {
+    _queuedBytes.fetch_sub(_recordBytes(message.buffer.capacity), std::memory_order_relaxed);
+    if (_droppedCount.load(std::memory_order_relaxed) == 0) {
+        return;
+    }
+    const std::uint64_t dropped = _droppedCount.exchange(0, std::memory_order_relaxed);
+    _lineBuffer.length = 0;
+    char* at = _lineBuffer.reserve(33);
+    _lineBuffer.advance(iso_timestamp::serialize_utc_with_offset(at, 32, message.time));
+    const std::string text =
+        " logger: " + std::to_string(dropped) + " records dropped at the queue limit of " +
+        std::to_string(_queueLimit.load(std::memory_order_relaxed)) + " bytes\n";
+    _lineBuffer.append(text.data(), text.size());
+    for (velk_logger::logger* target : _targetList) {
+        target->log(message.id, _lineBuffer.data, _lineBuffer.length);
     }
 }
 
@@ -245,7 +331,7 @@ void _velk_logger_impl::flush() {
     _waitForPass(generation);
 }
 
-void _velk_logger_impl::_flush(unsigned long milliseconds) {
+bool _velk_logger_impl::_flush(unsigned long milliseconds) {
     const std::uint64_t generation = _flushGeneration.load(std::memory_order_acquire);
     ::sem_post(&_wakeup);
     timespec start{};
@@ -255,10 +341,11 @@ void _velk_logger_impl::_flush(unsigned long milliseconds) {
         timespec now{};
         ::clock_gettime(CLOCK_REALTIME, &now);
         if (secondsBetween(start, now) >= limit) {
-            return;
+            return false;
         }
         sleepOnePoll();
     }
+    return true;
 }
 
 void _velk_logger_impl::rotate() {
@@ -271,10 +358,40 @@ void _velk_logger_impl::rotate() {
 
 void _velk_logger_impl::shutdown() {
     std::uint32_t expected = 0;
-    if (!_stopped.compare_exchange_strong(expected, 1, std::memory_order_acq_rel)) {
+    if (_stopped.compare_exchange_strong(expected, 1, std::memory_order_acq_rel)) {
+        ::sem_post(&_wakeup);
+    } else if (!_joinPending) {
         return;
     }
-    ::sem_post(&_wakeup);
+    _joinAndRelease();
+}
+
+bool _velk_logger_impl::shutdown(unsigned long milliseconds) {
+    std::uint32_t expected = 0;
+    if (_stopped.compare_exchange_strong(expected, 1, std::memory_order_acq_rel)) {
+        ::sem_post(&_wakeup);
+    } else if (!_joinPending) {
+        return true;
+    }
+    timespec start{};
+    ::clock_gettime(CLOCK_MONOTONIC, &start);
+    const double limit = static_cast<double>(milliseconds) * 0.001;
+    // Acquire: pairs with the release store as the logging thread returns.
+    while (!_threadEnded.load(std::memory_order_acquire)) {
+        timespec now{};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        if (secondsBetween(start, now) >= limit) {
+            _joinPending = true;
+            return false;
+        }
+        sleepOnePoll();
+    }
+    _joinAndRelease();
+    return true;
+}
+
+void _velk_logger_impl::_joinAndRelease() {
+    _joinPending = false;
     _loggingThread.join();
     for (velk_logger::logger* target : _targetList) {
         target->shutdown();
@@ -346,6 +463,15 @@ void _velk_logger_impl::addTarget(target_config& config) {
     for (const auto& entry : target->_fatalErrors) {
         _fatalErrors.insert(entry.key);
     }
+    _setActiveLevels(_activeLevels.load(std::memory_order_relaxed));
+}
+
+void _velk_logger_impl::_setActiveLevels(std::uint32_t levels) {
+    // Relaxed, both: each is one word that any thread may read at any time,
+    // and every value either held is a valid filter (see willLog).
+    _activeLevels.store(levels, std::memory_order_relaxed);
+    const std::uint32_t named = _includeErrors.empty() ? 0 : velk_logger::k_namedRows;
+    velk_logger::_filter.store(levels | named, std::memory_order_relaxed);
 }
 
 void _velk_logger_impl::getLoggersInfo(base::worklist<file_logging_info>& files,
@@ -377,9 +503,38 @@ void _velk_logger_impl::imbueBackTrace(log_stream& stream) {
 
 using _velk_logger_detail::_velk_logger_impl;
 
+namespace {
+
+// The bottom layer's fatal ends, logged as their catalogue rows while the
+// logger exists. Installed by init(), replaced by the defaults in terminate().
+void logAbort(const std::string& message) {
+    const auto& row = errors::E000041;
+    velk_logger::abort(velk_error_stream3<std::string, std::string, std::string>(
+        row, row.fragments[0], message, row.fragments[1]));
+}
+
+void logMappingFailure(const system::mapping_failure& failure) {
+    const auto& row = errors::E000046;
+    const auto& pieces = row.fragments;
+    velk_logger::abort(
+        velk_error_stream9<std::string, std::string, std::string, unsigned long, std::string,
+                           unsigned long, std::string, unsigned long, std::string>(
+            row, pieces[0], failure.errorText, pieces[1], failure.mapped, pieces[2],
+            failure.unmapped, pieces[3], failure.active, pieces[4]));
+}
+
+void logEscapedException(std::string_view what) {
+    const auto& row = errors::E300004;
+    velk_logger::log(
+        velk_error_stream2<std::string, std::string>(row, row.fragments[0], std::string(what)));
+}
+
+}  // namespace
+
 void velk_logger::init() {
     log_stream_allocator::init();
-    _instance.init();
+    g_instance.init();
+    system::setFatalReporters({logAbort, logMappingFailure, logEscapedException});
 }
 
 bool velk_logger::start() {
@@ -396,6 +551,12 @@ void velk_logger::addTarget(target_config& config) {
 void velk_logger::addTargetFactory(const std::string& name, target_factory const& factory) {
     if (_velk_logger_impl* impl = _implementation()) {
         impl->addTargetFactory(name, factory);
+    }
+}
+
+void velk_logger::setQueueLimit(std::uint64_t bytes) {
+    if (_velk_logger_impl* impl = _implementation()) {
+        impl->_queueLimit.store(bytes, std::memory_order_relaxed);
     }
 }
 
@@ -451,16 +612,46 @@ void velk_logger::imbueBackTrace(log_stream& stream) {
     std::free(symbols);
 }
 
+bool velk_logger::_isNamedRow(const error_id& id) {
+    const _velk_logger_impl* impl = _implementation();
+    return impl != nullptr && impl->willLog(id);
+}
+
+void velk_logger::_enqueue(const error_id& id, log_stream_buffer&& text,
+                           unsigned long flushMilliseconds) {
+    _velk_logger_impl* impl = _implementation();
+    if (impl == nullptr) {
+        return;
+    }
+    impl->log_with_move(id, std::move(text));
+    if (flushMilliseconds != 0) {
+        flush(flushMilliseconds);
+    }
+    if (impl->isFatalError(id) && !_endingProcess) {
+        _declaredFatal();
+    }
+}
+
+void velk_logger::_enqueue(const error_id& id, message_text& text) {
+    _velk_logger_impl* impl = _implementation();
+    if (impl == nullptr) {
+        return;
+    }
+    impl->log_text(id, text);
+    if (impl->isFatalError(id) && !_endingProcess) {
+        _declaredFatal();
+    }
+}
+
 void velk_logger::flush() {
     if (_velk_logger_impl* impl = _implementation()) {
         impl->flush();
     }
 }
 
-void velk_logger::flush(unsigned long milliseconds) {
-    if (_velk_logger_impl* impl = _implementation()) {
-        impl->_flush(milliseconds);
-    }
+bool velk_logger::flush(unsigned long milliseconds) {
+    _velk_logger_impl* impl = _implementation();
+    return impl != nullptr && impl->_flush(milliseconds);
 }
 
 void velk_logger::rotate() {
@@ -479,19 +670,32 @@ bool velk_logger::isShutdownInitiated() {
 }
 
 void velk_logger::shutdown() {
-    if (_instance.state() == system::init_once<_velk_logger_impl>::ready) {
-        _instance.get()->shutdown();
+    if (g_instance.state() == system::init_once<_velk_logger_impl>::ready) {
+        g_instance.get()->shutdown();
     }
 }
 
+bool velk_logger::shutdown(unsigned long milliseconds) {
+    if (g_instance.state() == system::init_once<_velk_logger_impl>::ready) {
+        return g_instance.get()->shutdown(milliseconds);
+    }
+    return true;
+}
+
+std::uint64_t velk_logger::queuedCount() {
+    const _velk_logger_impl* impl = _implementation();
+    return impl != nullptr ? impl->_logQueue.size() : 0;
+}
+
 void velk_logger::terminate() {
-    if (_instance.state() == system::init_once<_velk_logger_impl>::ready) {
-        _velk_logger_impl* impl = _instance.get();
+    system::setFatalReporters(system::defaultFatalReporters());
+    if (g_instance.state() == system::init_once<_velk_logger_impl>::ready) {
+        _velk_logger_impl* impl = g_instance.get();
         // A logging thread still running would use the object destroyed
         // below: it delivers and stops first.
         impl->shutdown();
         impl->terminate();
-        _instance.shutdown();
+        g_instance.shutdown();
     }
     log_stream_allocator::terminate();
 }
@@ -546,34 +750,16 @@ void velk_logger::_declaredFatal() {
                                                                  row.fragments[1]));
 }
 
-// Over at most 10 bytes, so that every leading part of "backtrace", the
-// empty one included, matches and nothing longer does.
 int velk_logger::_abortMode() {
-    const char* value = std::getenv("VELK_ABORT");
-    if (value == nullptr) {
-        return 0;
-    }
-    const std::size_t length = std::min<std::size_t>(std::strlen(value), 10);
-    return std::memcmp(value, "backtrace", length) == 0 ? 1 : 2;
+    return static_cast<int>(system::endMode());
 }
 
 void velk_logger::_writeToStandardError(const char* text, std::uint64_t length) {
-    while (length > 0) {
-        const ssize_t written = ::write(STDERR_FILENO, text, length);
-        if (written <= 0) {
-            return;
-        }
-        text += written;
-        length -= static_cast<std::uint64_t>(written);
-    }
-    [[maybe_unused]] ssize_t ignored = ::write(STDERR_FILENO, "\n", 1);
+    system::writeToStandardError(text, length);
 }
 
 void velk_logger::_end(int mode) {
-    if (mode == 2) {
-        std::abort();
-    }
-    ::_exit(-1);
+    system::endProcess(static_cast<system::end_mode>(mode));
 }
 
 }  // namespace vlk

@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include <vlk/memory/internal/log_stream_allocator_impl.hpp>
 #include <vlk/system/init_once.hpp>
 
 template class vlk::memory::mpsc_slab_allocator<
@@ -100,6 +101,22 @@ void log_stream_allocator::reap() {
 
 std::uint64_t log_stream_allocator::retiredCount() {
     return g_holder.state() == g_holder.ready ? g_holder.get()->retiredCount() : 0;
+}
+
+std::uint64_t log_stream_allocator::blockSize(std::uint64_t size) {
+    return slab_allocator::roundedSize(size);
+}
+
+void* log_stream_allocator::allocate(unsigned long size) {
+    slab_allocator* allocator = _allocator;
+    if (allocator == nullptr) [[unlikely]] {
+        allocator = _createAllocator();
+    }
+    return allocator->allocate(size);
+}
+
+void log_stream_allocator::deallocate(void* block) {
+    slab_allocator::deallocate(block);
 }
 
 void* log_stream_allocator::reallocate(void* block, unsigned long size) {

@@ -1,10 +1,10 @@
-#include <vlk/memory/mpsc_slab_allocator.hpp>
+#include <vlk/memory/internal/mpsc_slab_allocator.hpp>
 
 #include <new>
 
-#include <vlk/memory/allocate.hpp>
-#include <vlk/memory/mmap.hpp>
+#include <vlk/system/allocate.hpp>
 #include <vlk/system/clock.hpp>
+#include <vlk/system/mmap.hpp>
 
 namespace vlk::memory {
 

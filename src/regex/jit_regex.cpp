@@ -42,7 +42,10 @@ void jit_regex::init(const base::cstring& pattern) {
 
 void jit_regex::_init(const char* pattern, unsigned long) {
     _regex_detail::compileAndStudy(pattern, PCRE_STUDY_JIT_COMPILE, _code, _extra);
-    if (_extra == nullptr) {
+    // A failed compile leaves `_extra` from an earlier one, which the query
+    // below would pair with a null `_code`, fail on, and so set the flag:
+    // the flag stays as it was instead.
+    if (_code == nullptr || _extra == nullptr) {
         return;
     }
     // Only the query's own success is looked at: when PCRE cannot answer it,

@@ -7,7 +7,7 @@
 
 #include <pcre.h>
 
-#include <vlk/containers/cstring.hpp>
+#include <vlk/system/cstring.hpp>
 
 namespace vlk::_regex_detail {
 

@@ -1,5 +1,7 @@
 #include <vlk/regex/regex_manager.hpp>
 
+#include <pcre.h>
+
 #include <vlk/containers/mpmc_hash_map.hpp>
 #include <vlk/system/init_once.hpp>
 
@@ -90,6 +92,29 @@ void* velk_regex_manager::registerRegex(const vlk::base::cstring& pattern) {
 std::uint64_t velk_regex_manager::registeredCount() {
     const auto* manager = g_manager.get();
     return manager == nullptr ? 0 : manager->size();
+}
+
+int velk_regex_manager::match(void* regex, const char* text, unsigned long length,
+                              unsigned long startOffset, int* ovector, unsigned long ovectorSize) {
+    if (regex == nullptr) {
+        return -1;
+    }
+    // The stack comes first, so a thread has one even when the
+    // expression turns out not to use it.
+    void* stack = getJitStack();
+    const auto* expression = static_cast<const vlk::jit_regex*>(regex);
+    if (expression->_code == nullptr) {
+        return -1;
+    }
+    // PCRE's arguments are ints: longer values are cut, as PCRE would
+    // cut them.
+    if (expression->_useJitExec) [[unlikely]] {
+        return pcre_jit_exec(expression->_code, expression->_extra, text, static_cast<int>(length),
+                             static_cast<int>(startOffset), 0, ovector,
+                             static_cast<int>(ovectorSize), static_cast<pcre_jit_stack*>(stack));
+    }
+    return pcre_exec(expression->_code, expression->_extra, text, static_cast<int>(length),
+                     static_cast<int>(startOffset), 0, ovector, static_cast<int>(ovectorSize));
 }
 
 }  // namespace velk

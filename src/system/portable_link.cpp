@@ -67,6 +67,7 @@ VLK_PIN(sem_destroy, "GLIBC_2.2.5");
 VLK_PIN(sem_init, "GLIBC_2.2.5");
 VLK_PIN(sem_post, "GLIBC_2.2.5");
 VLK_PIN(sem_timedwait, "GLIBC_2.2.5");
+VLK_PIN(sem_trywait, "GLIBC_2.2.5");
 
 // dlsym moved from libdl.so.2 into libc.so.6 in 2.34 in the same way; the
 // program names libdl.so.2 as needed for the hosts before that.
@@ -74,19 +75,25 @@ VLK_PIN(dlsym, "GLIBC_2.2.5");
 
 extern "C" {
 
-// stat and fstat64 became functions of their own in glibc 2.33. Before, the
+// stat, fstat and fstat64 became functions of their own in glibc 2.33. Before, the
 // headers turned each call into __xstat or __fxstat64 with the structure's
 // version as first argument, and those entries are still exported at their
 // first version. Version 1 is x86-64's one struct stat, the kernel's, which
 // is what <sys/stat.h> declares here.
 int vlk_pinned___xstat(int layout, const char* path, struct stat* buffer) noexcept;
+int vlk_pinned___fxstat(int layout, int fd, struct stat* buffer) noexcept;
 int vlk_pinned___fxstat64(int layout, int fd, struct stat64* buffer) noexcept;
 __asm__(".symver vlk_pinned___xstat, __xstat@GLIBC_2.2.5");
+__asm__(".symver vlk_pinned___fxstat, __fxstat@GLIBC_2.2.5");
 __asm__(".symver vlk_pinned___fxstat64, __fxstat64@GLIBC_2.2.5");
 constexpr int stat_layout_linux = 1;
 
 int __wrap_stat(const char* path, struct stat* buffer) noexcept {
     return vlk_pinned___xstat(stat_layout_linux, path, buffer);
+}
+
+int __wrap_fstat(int fd, struct stat* buffer) noexcept {
+    return vlk_pinned___fxstat(stat_layout_linux, fd, buffer);
 }
 
 int __wrap_fstat64(int fd, struct stat64* buffer) noexcept {

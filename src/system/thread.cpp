@@ -12,10 +12,10 @@
 #include <ctime>
 #include <mutex>
 #include <string>
+#include <string_view>
 
-#include <vlk/catalogue/errors.hpp>
-#include <vlk/logging/velk_logger.hpp>
 #include <vlk/system/exception.hpp>
+#include <vlk/system/fatal.hpp>
 #include <vlk/system/host.hpp>
 
 namespace vlk::system::_thread_detail {
@@ -101,13 +101,11 @@ class signal_stack_scope {
     stack_t _previous{};
 };
 
-// Logs row 30-0004 with what escaped a body; should logging itself throw,
-// the terminate function still runs before that exception goes on.
-template <typename Value>
-void report(const Value& what) {
-    const auto& row = errors::E300004;
+// Reports what escaped a body; should the reporter itself throw, the
+// terminate function still runs before that exception goes on.
+void report(std::string_view what) {
     try {
-        velk_logger::log(velk_error_stream2<std::string, Value>(row, row.fragments[0], what));
+        system::reportEscapedException(what);
     } catch (...) {
         system::thread::thread_terminate();
         throw;
@@ -265,13 +263,11 @@ __attribute__((no_sanitize("null"))) void thread_impl::run() {
             system::thread::thread_terminate();
             throw;
         } catch (const vlk::exception& error) {
-            report<std::string>(error.why());
+            report(error.why());
         } catch (const std::exception& error) {
-            const char* what = error.what();
-            report<const char*>(what);
+            report(error.what());
         } catch (...) {
-            static const char unknown[8] = "unknown";
-            report<char[8]>(unknown);
+            report("unknown");
         }
     }
     system::thread::thread_terminate();

@@ -193,11 +193,8 @@ TEST(CommandLine, WrongArgumentCountPrintsUsageOnly) {
 TEST(CommandLine, InvalidPatternsReportNoMatch) {
     // Argument and its echo: the echo is folded, the pattern's error is not shown.
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"(", "("},         {"[", "["},
-        {"*", "*"},         {"\\", "\\"},
-        {")", ")"},         {"(?<", "(?<"},
-        {"[z-a]", "[z-A]"}, {"a{2,1}", "A{2,1}"},
-        {" ( ", " ( "},     {"01-0001(", "01-0001("},
+        {"(", "("},         {"*", "*"},           {"\\", "\\"},
+        {"[z-a]", "[z-A]"}, {"a{2,1}", "A{2,1}"}, {" ( ", " ( "},
     };
     for (const auto& [argument, echo] : cases) {
         SCOPED_TRACE(argument);

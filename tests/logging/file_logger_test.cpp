@@ -1,7 +1,6 @@
 #include <vlk/logging/file_logger.hpp>
 
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -52,17 +51,22 @@ TEST_F(FileLogger, CountInNameGoesOnAcrossFailedOpens) {
     // A line feed in the pattern stands for the count, as "%n" does.
     made file = make({{"RotationThreshold", {"0"}}, {"FileName", {"a-\n.log"}}});
     ASSERT_TRUE(file.target->init());
-    for (const char* line : {"0\n", "1\n", "2\n", "3\n"}) {
+    for (const char* line : {"0\n", "1\n", "2\n", "3\n", "4\n"}) {
         file.log(line);  // a threshold of 0 rotates before each record but the first
     }
     file.target->flush();
-    EXPECT_EQ(readFile("a-00000.log") + readFile("a-00001.log") + readFile("a-00003.log") +
-                  readFile("a-00004.log"),
-              "0\n1\n2\n3\n");
+    // "2" found no new file and went on into the old one; "3" and "4" came
+    // within the second after the failure, so nothing was tried for them.
+    EXPECT_EQ(readFile("a-00001.log"), "1\n2\n3\n4\n");
+    EXPECT_EQ(file.impl()._rotationCount, 3u);
+    file.impl()._lastOpenTry -= 1'000'000'000;
+    file.log("5\n");
+    file.target->flush();
+    EXPECT_EQ(readFile("a-00000.log") + readFile("a-00003.log"), "0\n5\n");
     vlk::file_logging_info info;
     ASSERT_TRUE(file.target->getFileLoggerInfo(info));
-    EXPECT_EQ(info.rotationCount, 5u);
-    EXPECT_EQ(info.fileName, "a-00004.log");
+    EXPECT_EQ(info.rotationCount, 4u);
+    EXPECT_EQ(info.fileName, "a-00003.log");
     file.impl()._rotationCount = 100000;
     file.target->rotate();
     EXPECT_EQ(file.impl()._currentFileName, "a-100000.log");
@@ -108,43 +112,41 @@ TEST_F(FileLogger, UnopenableNamesFailInitOrDropLines) {
     fs::remove("a.log");
     fs::create_directory("a.log");
     file.log("lost\n");  // the reopen fails and leaves no stream
-    file.log("lost\n");
-    file.target->flush();
     fs::remove("a.log");
-    file.target->rotate();
-    file.log("back\n");
+    file.log("lost\n");  // within the second after the failure: not tried
+    EXPECT_EQ(file.impl()._rotationCount, 2u);
+    file.impl()._lastOpenTry -= 1'000'000'000;
+    file.log("2026-11-22T11:59:29.3858940 back\n");  // tried again by the target itself
+    file.target->flush();
+    EXPECT_EQ(readFile("a.log"),
+              "2026-11-22T11:59:29.3858940 [0] developer: 00-0000 2 lines were dropped while a.log "
+              "could not be written\n2026-11-22T11:59:29.3858940 back\n");
+    EXPECT_EQ(file.impl()._bytesWritten, fs::file_size("a.log"));
+    file.log("more\n");  // size rotation works again
     file.target->shutdown();
-    EXPECT_EQ(readFile("a.log"), "back\n");
+    EXPECT_EQ(readFile("a.log"), "more\n");
 }
 
-TEST_F(FileLogger, FullDeviceSuspendsWriting) {
-    made file = make({{"FileName", {"/dev/full"}}});
+// A file cut inside a line, by a crash or a full disk, is ended before the
+// next record.
+TEST_F(FileLogger, CutLineIsEndedBeforeTheNextRecord) {
+    vlk_test::writeFile("a.log", "whole\ncut");
+    made file = make({{"FileName", {"a.log"}}});
     ASSERT_TRUE(file.target->init());
-    const std::int64_t before = coarseSeconds();
-    for (int i = 0; i < 100 && !file.impl()._diskFull; ++i) {
-        file.log(record);  // the stream's buffer fills, then its write fails
-    }
-    ASSERT_TRUE(file.impl()._diskFull);
-    EXPECT_GE(file.impl()._lastSpaceCheck, before);
-    const std::uint64_t written = file.impl()._bytesWritten;
-    file.log(record);
-    file.target->flush();
-    EXPECT_EQ(file.impl()._bytesWritten, written);
+    file.log("next\n");
+    file.log("after\n");
     file.target->shutdown();
+    EXPECT_EQ(readFile("a.log"), "whole\ncut\nnext\nafter\n");
 }
 
 // Moves the last look at free space back instead of waiting for the clock.
 TEST_F(FileLogger, FullFileSystemDropsLinesUntilSpaceIsFreed) {
-    const std::string mountPoint = _root + "/mnt";
-    fs::create_directory(mountPoint);
-    if (::mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=64k") != 0) {
+    const vlk_test::small_tmpfs disk(_root + "/mnt", "size=64k");
+    if (!disk.mounted) {
         GTEST_SKIP() << "cannot mount a tmpfs here";
     }
-    struct unmount {
-        std::string path;
-        ~unmount() { ::umount2(path.c_str(), MNT_DETACH); }
-    } unmountAtEnd{mountPoint};
-    vlk_test::writeFile(mountPoint + "/filler", std::string(64 * 1024, 'f'));  // cut short
+    const std::string& mountPoint = disk.path;
+    vlk_test::writeFile(mountPoint + "/filler", std::string(60 * 1024, 'f'));  // a page is left
 
     made file = make({{"FileName", {mountPoint + "/a.log"}}});
     ASSERT_TRUE(file.target->init());
@@ -171,7 +173,11 @@ TEST_F(FileLogger, FullFileSystemDropsLinesUntilSpaceIsFreed) {
     file.log("resumed\n");
     file.target->shutdown();
     EXPECT_FALSE(file.impl()._diskFull);
-    EXPECT_TRUE(readFile(mountPoint + "/a.log").ends_with("resumed\n"));
+    // The cut record is ended, and no line merges with another.
+    const std::string text = readFile(mountPoint + "/a.log");
+    const std::string notice = " [0] developer: 00-0000 3 lines were dropped while " + mountPoint +
+                               "/a.log could not be written\nresumed\n";
+    EXPECT_TRUE(text.ends_with("r\n" + notice)) << text.substr(text.size() - 200);
 }
 
 }  // namespace

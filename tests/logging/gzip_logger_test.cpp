@@ -93,6 +93,22 @@ TEST_F(GzipLogger, SyncFlushAndRestartKeepEveryRecordReadable) {
     EXPECT_EQ(gunzip("r.log.gz"), "one\ntwo\n");
     first.target->shutdown();
 
+    // A process killed after a pass leaves its member without a trailer,
+    // here with a cut line: both are ended before a new member follows.
+    made killed = make({{"FileName", {"k.log.gz"}}});
+    ASSERT_TRUE(killed.target->init());
+    killed.log("whole\n");
+    killed.log("cut");
+    killed.target->flush();
+    fs::copy_file("k.log.gz", "left.log.gz");
+    killed.target->shutdown();
+    made restarted = make({{"FileName", {"left.log.gz"}}});
+    ASSERT_TRUE(restarted.target->init());
+    restarted.log("next\n");
+    restarted.target->shutdown();
+    EXPECT_EQ(std::system("gzip -t left.log.gz"), 0);
+    EXPECT_EQ(gunzip("left.log.gz"), "whole\ncut\nnext\n");
+
     made second = make({{"FileName", {"r.log.gz"}}});  // a second gzip member
     ASSERT_TRUE(second.target->init());
     EXPECT_EQ(second.impl()._bytesWritten, 0u);
@@ -109,12 +125,68 @@ TEST_F(GzipLogger, SyncFlushAndRestartKeepEveryRecordReadable) {
     same.target->shutdown();
     EXPECT_EQ(gunzip("r.log.gz"), "five\n");
 
+    fs::create_directory("n-00001.log.gz");  // the next file cannot be made
+    made stuck = make({{"RotationThreshold", {"0"}}, {"FileName", {"n-%n.log.gz"}}});
+    ASSERT_TRUE(stuck.target->init());
+    for (const char* line : {"six\n", "seven\n", "eight\n", "nine\n"}) {
+        stuck.log(line);  // one try within the second, and the old file keeps the lines
+        stuck.target->flush();
+    }
+    EXPECT_EQ(stuck.impl()._rotationCount, 2u);
+    stuck.impl()._lastOpenTry -= 1'000'000'000;
+    stuck.log("ten\n");  // a second later: one more try, and the next name opens
+    EXPECT_EQ(stuck.impl()._rotationCount, 3u);
+    stuck.target->shutdown();
+    EXPECT_EQ(gunzip("n-00000.log.gz"), "six\nseven\neight\nnine\n");
+    EXPECT_EQ(gunzip("n-00002.log.gz"), "ten\n");
+
     vlk_test::writeFile("plain", "x");
     made unopenable = make({{"FileName", {"plain/x.log.gz"}}});
     EXPECT_FALSE(unopenable.target->init());
     EXPECT_EQ(unopenable.impl()._bytesWritten, ~0ull);  // zlib's -1 for no file
     made numbered = make({{"RotationThreshold", {"1M"}}});
     EXPECT_EQ(numbered.impl()._fileNamePattern, "%Y-%m-%dT%H:%M:%S-%n.log.gz");
+}
+
+// A full disk breaks the member being written; once there is room again it
+// is finished at its last sync flush and writing goes on in a new member.
+TEST_F(GzipLogger, FullDiskResumesInANewMemberThatGzipAccepts) {
+    const vlk_test::small_tmpfs disk(_root + "/mnt", "size=64k");
+    if (!disk.mounted) {
+        GTEST_SKIP() << "cannot mount a tmpfs here";
+    }
+    vlk_test::writeFile(disk.path + "/filler", std::string(60 * 1024, 'f'));
+    made file = make({{"FileName", {disk.path + "/g.log.gz"}}});
+    ASSERT_TRUE(file.target->init());
+    std::mt19937_64 random(7);  // hexadecimal noise compresses to about half
+    int logged = 0;
+    for (; logged < 2000 && !file.impl()._writeFailed; ++logged) {
+        char line[64];
+        std::snprintf(line, sizeof line, "%04d %016lx%016lx\n", logged, random(), random());
+        file.log(line);
+        if (logged % 20 == 19) {
+            file.target->flush();
+        }
+    }
+    ASSERT_TRUE(file.impl()._writeFailed);
+    file.log("dropped\n");
+    fs::remove(disk.path + "/filler");
+    file.log("dropped too\n");  // within 6 seconds of the failure: no look
+    EXPECT_TRUE(file.impl()._writeFailed);
+    file.impl()._lastSpaceCheck -= 6;
+    file.log("resumed\n");
+    file.target->shutdown();
+
+    EXPECT_EQ(std::system(("gzip -t " + disk.path + "/g.log.gz").c_str()), 0);
+    const std::string text = gunzip(disk.path + "/g.log.gz");
+    const std::size_t kept = text.find(" [0] developer: 00-0000 ");
+    ASSERT_NE(kept, std::string::npos) << text;
+    // Whole records, then the notice at the start of a line, then the line.
+    EXPECT_EQ(kept % 38, 0u);
+    const std::uint64_t lost = logged - kept / 38 + 2;
+    EXPECT_EQ(text.substr(kept), " [0] developer: 00-0000 " + std::to_string(lost) +
+                                     " lines were dropped while " + disk.path +
+                                     "/g.log.gz could not be written\nresumed\n");
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/mount.h>
 
 #include <filesystem>
 #include <fstream>
@@ -33,6 +34,22 @@ class scratch_directory : public testing::Test {
 
     const fs::path _previous = fs::current_path();
     std::string _root;
+};
+
+// A tmpfs of `size` mounted at `path` (made here) for as long as this
+// lives, for a real full disk; `mounted` is false where no mount is allowed.
+struct small_tmpfs {
+    small_tmpfs(const std::string& path, const char* size) : path(path) {
+        fs::create_directory(path);
+        mounted = ::mount("tmpfs", path.c_str(), "tmpfs", 0, size) == 0;
+    }
+    ~small_tmpfs() {
+        if (mounted) {
+            ::umount2(path.c_str(), MNT_DETACH);
+        }
+    }
+    std::string path;
+    bool mounted = false;
 };
 
 inline std::string readFile(const std::string& path) {

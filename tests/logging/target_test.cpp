@@ -31,24 +31,20 @@ class Target : public ::testing::Test {
 };
 
 TEST_F(Target, LevelTakesTheMoreSevereOnesAndLevelsAddsSingleOnes) {
-    EXPECT_EQ(levelsOf({{"Level", {"warning"}}, {"Levels", {"info"}}}), 0xF8u);
-    EXPECT_EQ(levelsOf({{"Levels", {"info"}}}), 0x08u);
-    EXPECT_EQ(levelsOf({{"Levels", {"trace,emergency,bogus"}}}), 0x82u);
-    EXPECT_EQ(levelsOf({{"Level", {"developer"}}}), 0xFFu);
-    EXPECT_EQ(levelsOf({{"Level", {"emergency"}}}), 0x80u);
-    EXPECT_EQ(levelsOf({{"Level", {"none"}}}), 0u);
-    EXPECT_EQ(levelsOf({{"Level", {"errant"}}}), 0xE0u);  // read by its first letters
-    EXPECT_EQ(levelsOf({{"Levels", {"debug"}}}), 0x08u);  // "debug" is info
-    EXPECT_EQ(levelsOf({}), 0u);
-
-    target_config config{{"Protocol", {"file"}}};
-    filter_only target;
-    target._commonInit(config);
-    for (const char* key : {"Level", "Levels", "IncludeErrors", "ExcludeErrors", "FatalErrors"}) {
-        ASSERT_TRUE(config.contains(key)) << key;  // read through the subscript
-        EXPECT_EQ(config[key].text(), "");
+    const struct {
+        const char *level, *levels;
+        std::uint32_t mask;
+    } rows[] = {
+        {"warning", "info", 0xF8}, {"", "info", 0x08},  {"", "trace,emergency,bogus", 0x82},
+        {"developer", "", 0xFF},   {"emergency", "", 0x80}, {"none", "", 0},
+        {"errant", "", 0xE0},  // read by its first letters
+        {"", "debug", 0x08},   // "debug" is info
+        {"", "", 0},
+    };
+    for (const auto& r : rows) {
+        EXPECT_EQ(levelsOf({{"Level", {r.level}}, {"Levels", {r.levels}}}), r.mask)
+            << r.level << " / " << r.levels;
     }
-    EXPECT_EQ(config.size(), 6u);
 }
 
 TEST_F(Target, ExclusionBeatsLevelAndInclusion) {
@@ -88,6 +84,42 @@ TEST_F(Target, DescribeWritesLevelsAndIdentifiers) {
     vlk::error_id parsed;
     ASSERT_TRUE(vlk::error_manager::findError("00-0041", parsed));
     EXPECT_TRUE(target._fatalErrors.contains(parsed));
+}
+
+// Each row: a configuration, and the one problem found in it (empty: none).
+TEST_F(Target, CheckTargetConfigNamesEveryProblemByItsKey) {
+    const struct {
+        target_config config;
+        const char* problem;
+    } rows[] = {
+        {{{"Protocol", {"file"}}, {"Level", {"info"}}, {"RotationThreshold", {"5M"}}}, ""},
+        {{{"Protocol", {"syslog"}}, {"Options", {"LOG_PID,LOG_CONS"}}}, ""},
+        {{{"Protocol", {"gzip"}}, {"RotationThreshold", {"5XB"}}},
+         "\"RotationThreshold\": \"5XB\" is not a size"},
+        {{{"Protocol", {"stdout"}}, {"Level", {"loud"}}},
+         "\"Level\": \"loud\" is not a level name (none, developer, trace, stats, info, warning, "
+         "error, critical, emergency); it is read as no level at all"},
+        {{{"Protocol", {"stdout"}}, {"Levels", {"info,errant"}}}, "it is read as \"error\""},
+        {{{"Protocol", {"stderr"}}, {"Levle", {"info"}}},
+         "\"Levle\" is not a key of the \"stderr\" target; it is ignored"},
+        {{{"Protocol", {"file"}}, {"Ident", {"x"}}}, "\"Ident\" is not a key of the \"file\""},
+        {{{"Protocol", {"stdout"}}, {"FatalErrors", {"00-0041,0[1"}}},
+         "\"FatalErrors\": the pattern \"0[1\" does not compile; it is ignored"},
+        {{{"Protocol", {"stdout"}}, {"IncludeErrors", {"ZZ"}}}, "\"ZZ\" names no row"},
+        {{{"Protocol", {"ftp"}}}, "\"Protocol\": \"ftp\" is offered by no target factory"},
+        {{{"Level", {"info"}}}, "\"Protocol\" is missing or empty"},
+        {{{"Protocol", {"syslog"}}, {"Facility", {"LOG_LOCAL9"}}}, "\"LOG_LOCAL9\" is not a name"},
+        {{{"Protocol", {"file"}}, {"FileName", {"bad dir/x.log"}}}, "\"bad dir\" has a character"},
+    };
+    for (const auto& row : rows) {
+        const std::vector<std::string> problems = velk_logger::checkTargetConfig(row.config);
+        if (*row.problem == '\0') {
+            EXPECT_TRUE(problems.empty()) << problems.front();
+        } else {
+            ASSERT_EQ(problems.size(), 1u) << row.problem;
+            EXPECT_NE(problems[0].find(row.problem), std::string::npos) << problems[0];
+        }
+    }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <vlk/containers/mpmc_queue.hpp>
+#include <vlk/memory/internal/log_stream_allocator_impl.hpp>
 #include <vlk/memory/log_stream_allocator.hpp>
-#include <vlk/memory/mmap.hpp>
+#include <vlk/system/mmap.hpp>
 
 #include <gtest/gtest.h>
 

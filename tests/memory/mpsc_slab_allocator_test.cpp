@@ -1,6 +1,6 @@
+#include <vlk/memory/internal/log_stream_allocator_impl.hpp>
 #include <vlk/memory/log_stream_allocator.hpp>
-#include <vlk/memory/mmap.hpp>
-#include <vlk/memory/mpsc_slab_allocator.hpp>
+#include <vlk/system/mmap.hpp>
 
 #include <gtest/gtest.h>
 

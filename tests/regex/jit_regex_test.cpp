@@ -1,6 +1,7 @@
 #include <vlk/regex/jit_regex.hpp>
 
 #include <gtest/gtest.h>
+#include <pcre.h>
 
 #include <string>
 
@@ -20,8 +21,6 @@ TEST(JitRegex, ValidPatternIsJitStudiedWithTheMatchLimitLifted) {
     jit_regex regex(std::string("^0[1-9]-000[12]$"));
     ASSERT_NE(regex._code, nullptr);
     ASSERT_NE(regex._extra, nullptr);
-    EXPECT_EQ(regex._refCount.load(), 0);
-    EXPECT_FALSE(regex._useJitExec);  // this PCRE answers the JIT query
     EXPECT_NE(regex._extra->flags & PCRE_EXTRA_MATCH_LIMIT, 0u);
     EXPECT_EQ(regex._extra->match_limit, 4294967295UL);
     int jitCompiled = 0;
@@ -57,6 +56,19 @@ TEST(JitRegex, InitKeepsTheFirstCompiledPatternInEveryForm) {
         regex->init(cstring{b.data(), b.size()});
         EXPECT_TRUE(matches(*regex, "a"));
         EXPECT_FALSE(matches(*regex, "b"));
+    }
+}
+
+// A recompile that fails keeps the entry point chosen before, either one.
+TEST(JitRegex, FailedRecompileLeavesTheEntryPointAsItWas) {
+    for (const bool before : {false, true}) {
+        jit_regex regex(std::string("^a$"));
+        regex._useJitExec = before;
+        pcre* first = regex._code;  // _init overwrites it without freeing
+        regex._init("01-(00", 6);
+        EXPECT_EQ(regex._code, nullptr);
+        EXPECT_EQ(regex._useJitExec, before) << "flag before: " << before;
+        pcre_free(first);
     }
 }
 

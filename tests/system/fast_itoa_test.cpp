@@ -53,25 +53,20 @@ testing::AssertionResult ltoaWrites(unsigned long value, std::size_t offset = 0)
     return writesLikeToChars(vlk::fast_itoa::ltoa, value, vlk::fast_itoa::ltoa_room, offset);
 }
 
-TEST(FastItoa, WritesEveryValueUpToAHundredThousand) {
+// Every value up to a hundred thousand, every power of ten and its
+// neighbours, and the largest values, which fill exactly the promised room.
+TEST(FastItoa, WritesSmallValuesPowersOfTenAndTheLargest) {
     for (unsigned int value = 0; value <= 100000; ++value) {
         ASSERT_TRUE(itoaWrites(value));
         ASSERT_TRUE(ltoaWrites(value));
     }
-}
-
-// The largest values fill exactly the room the header promises.
-TEST(FastItoa, WritesEveryPowerOfTenItsNeighboursAndTheLargestValues) {
     EXPECT_TRUE(itoaWrites(std::numeric_limits<unsigned int>::max()));
-    EXPECT_TRUE(ltoaWrites(std::numeric_limits<unsigned int>::max()));
     EXPECT_TRUE(ltoaWrites(std::numeric_limits<unsigned long>::max()));
     std::uint64_t power = 1;
-    for (int exponent = 0; exponent <= 19; ++exponent, power *= 10) {
+    for (int exponent = 1; exponent <= 19; ++exponent) {
+        power *= 10;
         for (std::uint64_t value : {power - 1, power, power + 1}) {
-            EXPECT_TRUE(ltoaWrites(value));
-            if (value <= std::numeric_limits<unsigned int>::max()) {
-                EXPECT_TRUE(itoaWrites(static_cast<unsigned int>(value)));
-            }
+            EXPECT_TRUE(ltoaWrites(value)) << value;
         }
     }
 }

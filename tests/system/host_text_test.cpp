@@ -47,7 +47,6 @@ TEST(HostText, KernelVersionReadsThreeDottedPieces) {
         system_version v = host_text::kernelVersion(c.text);
         EXPECT_EQ(v.key(), (system_version{c.major, c.minor, c.patch, 0}.key())) << c.text;
     }
-    EXPECT_LT((system_version{2, 6, 28, 0}.key()), (system_version{2, 6, 32, 0}.key()));
     EXPECT_LT((system_version{2, 65535, 0, 0}.key()), (system_version{3, 0, 0, 0}.key()));
 }
 
@@ -116,20 +115,6 @@ TEST(HostText, CpuinfoCountsSocketsOnceHoweverOftenRepeated) {
     EXPECT_EQ(info.socketCount, 1u);
     EXPECT_EQ(info.physicalCoreCount, 6u);
     EXPECT_EQ(info.virtualCoreCount, 6u);
-    host_text::countCores(host_text::cpuinfo(""), -1, info);
-    EXPECT_EQ(info.socketCount, 1u);
-    EXPECT_EQ(info.physicalCoreCount, 0u);
-
-    // A line that does not scan keeps the working value; a truncated block
-    // still records what it had.
-    found = host_text::cpuinfo(
-        "processor : 3\nphysical id : x\nsiblings : 4\ncpu cores : 2\n"
-        "processor : 4\nphysical id : 1\nsiblin");
-    EXPECT_EQ(found.processorSockets, (std::map<std::uint64_t, std::uint64_t>{{3, 0}, {4, 1}}));
-    host_text::countCores(found, 1, info);
-    EXPECT_EQ(info.socketCount, 1u);
-    EXPECT_EQ(info.physicalCoreCount, 2u);
-    EXPECT_EQ(info.virtualCoreCount, 4u);
 }
 
 TEST(HostText, FrequencyFromBrand) {
@@ -158,13 +143,6 @@ TEST(HostText, MeminfoInBytesUpToSwapFree) {
     EXPECT_EQ(info.swapTotal, 5120u);
     EXPECT_EQ(info.swapFree, 6144u);
 
-    // A file that ends early keeps what it had; a line that does not scan
-    // leaves its field at 0.
-    info = host_text::memoryInfo("MemTotal: 2 kB\nMemFree: lots\nBuff");
-    EXPECT_EQ(info.memoryTotal, 2048u);
-    EXPECT_EQ(info.memoryFree, 0u);
-    EXPECT_EQ(info.buffers, 0u);
-    EXPECT_EQ(host_text::memoryInfo("").memoryTotal, 0u);
 }
 
 }  // namespace

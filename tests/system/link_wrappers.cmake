@@ -1,3 +1,6 @@
+# The wrappers' own test opts in to them as velkmsg does.
+target_link_libraries(link_wrappers_test PRIVATE vlk::link_wrappers)
+
 # The finished program must import none of the wrapped libc names and must
 # export the wrappers it calls (see src/CMakeLists.txt for the list); linked
 # portably, it must also start on glibc 2.7 (cmake/VlkPortableLink.cmake).

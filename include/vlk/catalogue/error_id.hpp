@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <string>
 
-#include <vlk/containers/cstring.hpp>
+#include <vlk/system/cstring.hpp>
 
 namespace vlk {
 

@@ -54,6 +54,10 @@ class error_set
                             base::hash_set_traits<error_id, base::hash_set_key_traits<error_id>,
                                                   base::hash_set_allocator<false, 65536>>> {};
 
+// A filter lookup reads one line: state, chain head, four hashes, four keys.
+static_assert(sizeof(error_set::bucket) == 64);
+static_assert(sizeof(error_set::segment) == 184);
+
 class error_manager {
   public:
     // Builds the catalogue's singleton if it does not exist yet.

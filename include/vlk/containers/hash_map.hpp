@@ -25,6 +25,8 @@ struct map_layout {
 
     static constexpr unsigned slots = 3;
     static constexpr unsigned nodes_per_segment = 10;
+    // No hash is kept: it is worked out again from the key.
+    static constexpr bool keeps_hash = false;
     // state: bits 0-2 count, 3-5 slot flags, 7 overflow, 8-31 version.
     static constexpr std::uint32_t count_mask = 0x7;
     static constexpr unsigned flag_shift = 3;
@@ -32,12 +34,8 @@ struct map_layout {
     static constexpr std::uint32_t version_one = 1u << 8;
 
     static std::uint64_t hashKey(const key_type& key) { return key_traits::hash(key); }
-    static std::uint64_t hashEntry(const entry& e) { return key_traits::hash(e.key); }
-    static bool matches(const entry& e, const key_type& key, std::uint64_t) {
-        return key_traits::equal(e.key, key);
-    }
     template <typename... Args>
-    static entry* construct(void* where, std::uint64_t, const key_type& key, Args&&... args) {
+    static entry* construct(void* where, const key_type& key, Args&&... args) {
         return new (where) entry{key, mapped_type(std::forward<Args>(args)...)};
     }
 };

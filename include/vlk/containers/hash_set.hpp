@@ -2,8 +2,10 @@
 // and an overflow pool in the same block (see hash_table.hpp for placement,
 // growth and iteration order).
 //
-// Each slot keeps the key's 64-bit hash beside it and compares hashes before
-// keys. `terminate` frees the table; the set may be filled again after it.
+// Each slot keeps the key's 64-bit hash and compares hashes before keys. A
+// bucket holds its state, its chain head, its four hashes and then its four
+// keys, so that with keys of 4 bytes (the catalogue's identifiers) it fills
+// exactly one 64-byte line. `terminate` frees the table; the set may be filled again after it.
 #pragma once
 
 #include <vlk/containers/hash_table.hpp>
@@ -17,12 +19,13 @@ struct set_layout {
     using key_traits = typename Traits::key_traits;
 
     struct entry {
-        std::uint64_t hash;
         key_type key;
     };
 
     static constexpr unsigned slots = 4;
     static constexpr unsigned nodes_per_segment = 7;
+    // Each slot's hash sits in the bucket's hash array, ahead of the keys.
+    static constexpr bool keeps_hash = true;
     // state: bits 0-5 count, 6-9 slot flags, 12 overflow, 13-31 version.
     static constexpr std::uint32_t count_mask = 0x3F;
     static constexpr unsigned flag_shift = 6;
@@ -30,13 +33,7 @@ struct set_layout {
     static constexpr std::uint32_t version_one = 1u << 13;
 
     static std::uint64_t hashKey(const key_type& key) { return key_traits::hash(key); }
-    static std::uint64_t hashEntry(const entry& e) { return e.hash; }
-    static bool matches(const entry& e, const key_type& key, std::uint64_t hash) {
-        return e.hash == hash && key_traits::equal(e.key, key);
-    }
-    static entry* construct(void* where, std::uint64_t hash, const key_type& key) {
-        return new (where) entry{hash, key};
-    }
+    static entry* construct(void* where, const key_type& key) { return new (where) entry{key}; }
 };
 
 }  // namespace _hash_detail

@@ -28,8 +28,8 @@
 #include <type_traits>
 #include <utility>
 
-#include <vlk/memory/allocate.hpp>
 #include <vlk/system/abort.hpp>
+#include <vlk/system/allocate.hpp>
 #include <vlk/system/host.hpp>
 
 namespace vlk::base {
@@ -104,9 +104,22 @@ class hash_table {
 
     static constexpr unsigned slots = Layout::slots;
     static constexpr unsigned nodes_per_segment = Layout::nodes_per_segment;
+    // Whether each entry's 64-bit hash is stored beside it and compared
+    // before the key. A bucket keeps its hashes in one array ahead of its
+    // entries, so that small keys pack the bucket into one line.
+    static constexpr bool keeps_hash = Layout::keeps_hash;
+
+    template <unsigned Count>
+    struct kept_hashes {
+        std::uint64_t hash[Count];
+    };
+    struct no_hashes {};
+    template <unsigned Count>
+    using hashes = std::conditional_t<keeps_hash, kept_hashes<Count>, no_hashes>;
 
     struct node {
         node* next;
+        [[no_unique_address]] hashes<1> kept;
         alignas(entry) unsigned char storage[sizeof(entry)];
 
         entry* get() { return std::launder(reinterpret_cast<entry*>(storage)); }
@@ -119,6 +132,7 @@ class hash_table {
     struct alignas(64) bucket {
         std::uint32_t state;
         node* overflow;
+        [[no_unique_address]] hashes<slots> kept;
         alignas(entry) unsigned char storage[slots][sizeof(entry)];
 
         unsigned count() const { return state & Layout::count_mask; }
@@ -284,8 +298,8 @@ class hash_table {
             }
             const unsigned count = b.count();
             if (count < slots) {
-                entry* e =
-                    Layout::construct(b.storage[count], hash, key, std::forward<Args>(args)...);
+                entry* e = Layout::construct(b.storage[count], key, std::forward<Args>(args)...);
+                _keepHash(b.kept, count, hash);
                 if (count == 0) {
                     _table->markUsed(hash & _table->mask);
                 }
@@ -294,7 +308,8 @@ class hash_table {
                 return {e, true};
             }
             if (node* n = _takeNode(_table, hash)) {
-                entry* e = Layout::construct(n->storage, hash, key, std::forward<Args>(args)...);
+                entry* e = Layout::construct(n->storage, key, std::forward<Args>(args)...);
+                _keepHash(n->kept, 0, hash);
                 _pushChain(b, n);
                 b.state += Layout::version_one;
                 ++_size;
@@ -370,15 +385,43 @@ class hash_table {
         return table->buckets[hash & table->mask];
     }
 
+    template <typename Kept>
+    static void _keepHash(Kept& kept, unsigned i, std::uint64_t hash) {
+        if constexpr (keeps_hash) {
+            kept.hash[i] = hash;
+        }
+    }
+
+    // The entry's hash: the kept one, or worked out again from its key.
+    template <typename Kept>
+    static std::uint64_t _hashOf(const Kept& kept, unsigned i, const entry& e) {
+        if constexpr (keeps_hash) {
+            return kept.hash[i];
+        } else {
+            return Layout::hashKey(e.key);
+        }
+    }
+
+    template <typename Kept>
+    static bool _matches(const Kept& kept, unsigned i, const entry& e, const key_type& key,
+                         std::uint64_t hash) {
+        if constexpr (keeps_hash) {
+            if (kept.hash[i] != hash) {
+                return false;
+            }
+        }
+        return Layout::key_traits::equal(e.key, key);
+    }
+
     static entry* _find(bucket& b, const key_type& key, std::uint64_t hash) {
         const unsigned count = b.count();
         for (unsigned i = 0; i < count; ++i) {
-            if (Layout::matches(*b.slot(i), key, hash)) {
+            if (_matches(b.kept, i, *b.slot(i), key, hash)) {
                 return b.slot(i);
             }
         }
         for (node* n = b.overflow; n != nullptr; n = n->next) {
-            if (Layout::matches(*n->get(), key, hash)) {
+            if (_matches(n->kept, 0, *n->get(), key, hash)) {
                 return n->get();
             }
         }
@@ -446,12 +489,12 @@ class hash_table {
 
     // Places a moved entry in a new table: the next free slot of its bucket,
     // else a node at the head of the chain. The version does not move.
-    static void _rehashEntry(table_data* table, entry&& e) {
-        const std::uint64_t hash = Layout::hashEntry(e);
+    static void _rehashEntry(table_data* table, std::uint64_t hash, entry&& e) {
         bucket& b = _bucketOf(table, hash);
         const unsigned count = b.count();
         if (count < slots) {
             new (b.storage[count]) entry(std::move(e));
+            _keepHash(b.kept, count, hash);
             b.state += 1 | (1u << (Layout::flag_shift + count));
             if (count == 0) {
                 table->markUsed(hash & table->mask);
@@ -462,6 +505,7 @@ class hash_table {
         // chained entry, so a node is always there.
         node* n = _takeNode(table, hash);
         new (n->storage) entry(std::move(e));
+        _keepHash(n->kept, 0, hash);
         _pushChain(b, n);
     }
 
@@ -473,11 +517,11 @@ class hash_table {
             bucket& b = old->buckets[i];
             for (unsigned s = 0; s < b.count(); ++s) {
                 if ((b.state & (1u << (Layout::flag_shift + s))) != 0) {
-                    _rehashEntry(table, std::move(*b.slot(s)));
+                    _rehashEntry(table, _hashOf(b.kept, s, *b.slot(s)), std::move(*b.slot(s)));
                 }
             }
             for (node* n = b.overflow; n != nullptr; n = n->next) {
-                _rehashEntry(table, std::move(*n->get()));
+                _rehashEntry(table, _hashOf(n->kept, 0, *n->get()), std::move(*n->get()));
             }
         }
         _install(table);

@@ -39,12 +39,12 @@
 #include <string>
 #include <type_traits>
 
-#include <vlk/containers/spin_lock.hpp>
 #include <vlk/containers/thread_tracker.hpp>
-#include <vlk/memory/allocate.hpp>
-#include <vlk/memory/mmap.hpp>
 #include <vlk/system/abort.hpp>
+#include <vlk/system/allocate.hpp>
 #include <vlk/system/host.hpp>
+#include <vlk/system/mmap.hpp>
+#include <vlk/system/spin_lock.hpp>
 
 namespace vlk::lockfree {
 

@@ -4,8 +4,10 @@
 // and never fails: a slow consumer costs memory, not producer time. Ticket t
 // goes to lane t % lanes, and each lane fills its slots in ticket order, one
 // producer and one consumer at a time, through a chain of blocks that are
-// mapped, not taken from the heap; each lane keeps one emptied block for
-// reuse, so a steady state maps nothing. The only lock is a lane's block
+// mapped, not taken from the heap; each lane keeps up to two emptied blocks
+// for reuse, so a steady state maps nothing, whether the consumer leaves a
+// block before or after the producer opens the next, and a drained queue
+// holds at most three blocks a lane. The only lock is a lane's block
 // lock, taken once per block at each end. A get returns false at once when
 // every completed put has been taken; a get that claims a ticket whose put
 // is still running waits for it. Records of one producer come out in the
@@ -20,9 +22,9 @@
 #include <new>
 #include <utility>
 
-#include <vlk/containers/spin_lock.hpp>
-#include <vlk/memory/mmap.hpp>
 #include <vlk/system/host.hpp>
+#include <vlk/system/mmap.hpp>
+#include <vlk/system/spin_lock.hpp>
 
 namespace vlk::lockfree {
 
@@ -122,6 +124,15 @@ class mpmc_queue {
                _getIndex.load(std::memory_order_relaxed);
     }
 
+    // Records put and not yet claimed, as seen at some moment during the
+    // call; a put still running is not counted.
+    std::uint64_t size() const {
+        // The get index first: it never passes the put index, so the
+        // difference cannot wrap. Acquire pairs as in empty().
+        const std::uint64_t taken = _getIndex.load(std::memory_order_relaxed);
+        return _putIndex.load(std::memory_order_acquire) - taken;
+    }
+
     // Drops every queued record, unmaps every block and resets the tickets.
     // No put or get may run meanwhile; that exclusion orders the relaxed
     // accesses here.
@@ -144,9 +155,11 @@ class mpmc_queue {
             each._read._readBlock.store(nullptr, std::memory_order_relaxed);
             each._write._writeIndex.store(0, std::memory_order_relaxed);
             each._write._writeBlock.store(nullptr, std::memory_order_relaxed);
-            if (mem_block* spare = each._write._spareBlock.load(std::memory_order_relaxed)) {
-                vlk::munmap(spare, _blockBytes());
-                each._write._spareBlock.store(nullptr, std::memory_order_relaxed);
+            for (std::atomic<mem_block*>& spare : each._write._spareBlocks) {
+                if (mem_block* block = spare.load(std::memory_order_relaxed)) {
+                    vlk::munmap(block, _blockBytes());
+                    spare.store(nullptr, std::memory_order_relaxed);
+                }
             }
         }
         _reserveIndex.store(0, std::memory_order_relaxed);
@@ -188,9 +201,9 @@ class mpmc_queue {
         // The block being written; null until the lane's first put and after
         // the consumer leaves the last linked block. Changed under _blockLock.
         std::atomic<mem_block*> _writeBlock{nullptr};
-        // One emptied block for reuse, or null. Taken and offered by
+        // Emptied blocks for reuse, or null. Each taken and offered by
         // compare-and-swap.
-        std::atomic<mem_block*> _spareBlock{nullptr};
+        std::atomic<mem_block*> _spareBlocks[2]{nullptr, nullptr};
         // Guards the links between blocks and the two block pointers as a
         // block passes from one end of the lane to the other.
         lock::spin_lock_impl<unsigned long> _blockLock;
@@ -238,14 +251,22 @@ class mpmc_queue {
         _putIndex.fetch_add(1, std::memory_order_release);
     }
 
-    // A block for a ticket at slot 0: the lane's spare, or a new mapping.
+    // A block for a ticket at slot 0: a spare of the lane, or a new mapping.
     mem_block* _takeBlock(write_half& half) {
-        mem_block* block = half._spareBlock.load(std::memory_order_relaxed);
-        // Acquire: pairs with the release compare-and-swap in _deallocate(),
-        // so the consumer is done with the block before it is refilled.
-        if (block == nullptr ||
-            !half._spareBlock.compare_exchange_strong(block, nullptr, std::memory_order_acquire,
-                                                      std::memory_order_relaxed)) {
+        mem_block* block = nullptr;
+        for (std::atomic<mem_block*>& spare : half._spareBlocks) {
+            block = spare.load(std::memory_order_relaxed);
+            // Acquire: pairs with the release compare-and-swap in
+            // _deallocate(), so the consumer is done with the block before
+            // it is refilled.
+            if (block != nullptr &&
+                spare.compare_exchange_strong(block, nullptr, std::memory_order_acquire,
+                                              std::memory_order_relaxed)) {
+                break;
+            }
+            block = nullptr;
+        }
+        if (block == nullptr) {
             block = new (system::memory::mmap(_blockBytes())) mem_block;
         }
         // Relaxed: no other thread sees the block before _link() publishes
@@ -307,16 +328,19 @@ class mpmc_queue {
         _deallocate(at.lane, block);
     }
 
-    // Keeps an emptied block as the lane's spare, or unmaps it.
+    // Keeps an emptied block as a spare of the lane, or unmaps it when the
+    // lane has two.
     void _deallocate(unsigned long laneIndex, mem_block* block) {
-        std::atomic<mem_block*>& spare = _lanes[laneIndex]._write._spareBlock;
-        mem_block* empty = nullptr;
-        // Release: pairs with the acquire compare-and-swap in _takeBlock(); the
-        // records moved out of the block happen before a producer refills it.
-        if (spare.load(std::memory_order_relaxed) == nullptr &&
-            spare.compare_exchange_strong(empty, block, std::memory_order_release,
-                                          std::memory_order_relaxed)) {
-            return;
+        for (std::atomic<mem_block*>& spare : _lanes[laneIndex]._write._spareBlocks) {
+            mem_block* empty = nullptr;
+            // Release: pairs with the acquire compare-and-swap in
+            // _takeBlock(); the records moved out of the block happen before
+            // a producer refills it.
+            if (spare.load(std::memory_order_relaxed) == nullptr &&
+                spare.compare_exchange_strong(empty, block, std::memory_order_release,
+                                              std::memory_order_relaxed)) {
+                return;
+            }
         }
         vlk::munmap(block, _blockBytes());
     }

@@ -38,17 +38,15 @@
 // standalone fence is used, so ThreadSanitizer sees every edge.
 #pragma once
 
-#include <linux/membarrier.h>
 #include <pthread.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
 #include <new>
 
-#include <vlk/containers/spin_lock.hpp>
-#include <vlk/memory/allocate.hpp>
+#include <vlk/system/allocate.hpp>
+#include <vlk/system/process_barrier.hpp>
+#include <vlk/system/spin_lock.hpp>
 
 namespace vlk::lockfree {
 
@@ -66,8 +64,7 @@ inline constinit std::atomic<bool> g_asymmetricFences{false};
 
 inline bool asymmetricFencesReady() {
     static const bool ready = [] {
-        bool registered =
-            ::syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+        bool registered = system::registerPrivateExpeditedBarrier();
         g_asymmetricFences.store(registered, std::memory_order_relaxed);
         return registered;
     }();
@@ -244,7 +241,7 @@ class wait_info {
     // full scheme needs nothing beyond the seq_cst loads in _waitFor().
     static void _writerBarrier(tracker_fence fence) {
         if (fence == tracker_fence::asymmetric && asymmetricFencesReady()) {
-            ::syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
+            system::privateExpeditedBarrier();
         }
     }
 

@@ -15,9 +15,9 @@
 #include <new>
 #include <utility>
 
-#include <vlk/memory/allocate.hpp>
-#include <vlk/memory/mmap.hpp>
+#include <vlk/system/allocate.hpp>
 #include <vlk/system/host.hpp>
+#include <vlk/system/mmap.hpp>
 
 namespace vlk::base {
 

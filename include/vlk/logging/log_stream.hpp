@@ -132,4 +132,69 @@ class log_stream_impl : public log_stream_buffer {
 
 using log_stream = log_stream_impl<log_stream_traits>;
 
+// Builds one message's text on the caller's stack and hands it over in a
+// buffer of its own size: 128 bytes under 128, else the length rounded up
+// to 128. A queued record so holds no slack beyond that rounding, where a
+// buffer sized in advance would hold its whole first capacity. The copy out
+// costs one memcpy of the text. A text longer than the stack part goes on
+// in a growing stream, and is copied out the same way.
+class message_text {
+  public:
+    static constexpr std::uint64_t stack_bytes = 1024;
+
+    message_text() = default;
+    message_text(const message_text&) = delete;
+    message_text& operator=(const message_text&) = delete;
+
+    char* reserve(std::uint64_t count) {
+        if (_spill.data == nullptr && _length + count <= stack_bytes) [[likely]] {
+            return _local + _length;
+        }
+        if (_spill.data == nullptr) {
+            _spill.append(_local, _length);
+        }
+        return _spill.reserve(count);
+    }
+    void advance(std::uint64_t count) {
+        if (_spill.data == nullptr) {
+            _length += count;
+        } else {
+            _spill.advance(count);
+        }
+    }
+    void append(const char* text, std::uint64_t count) {
+        if (count != 0) {
+            std::memcpy(reserve(count), text, count);
+            advance(count);
+        }
+    }
+    void append(char c) {
+        *reserve(1) = c;
+        advance(1);
+    }
+    std::uint64_t length() const { return _spill.data == nullptr ? _length : _spill.length; }
+    // The capacity of the buffer that take() will give, and that a text of
+    // `length` bytes gets: none, 128, or the length rounded up to 128.
+    std::uint64_t sizedCapacity() const { return capacityFor(length()); }
+    static std::uint64_t capacityFor(std::uint64_t length) {
+        constexpr std::uint64_t granule = log_stream_traits::granule;
+        return length == 0 ? 0 : (std::max(length, granule) + granule - 1) & ~(granule - 1);
+    }
+
+    // The text in a buffer of its own size; this object is left empty.
+    log_stream_buffer take() {
+        const char* text = _spill.data == nullptr ? _local : _spill.data;
+        log_stream sized;
+        sized.append(text, length());
+        _spill.reset();
+        _length = 0;
+        return log_stream_buffer(std::move(sized));
+    }
+
+  private:
+    char _local[stack_bytes];
+    std::uint64_t _length = 0;
+    log_stream _spill;
+};
+
 }  // namespace vlk

@@ -21,6 +21,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <vlk/logging/target.hpp>
 
@@ -53,6 +54,9 @@ struct syslog_logger {
     // Builds a syslog target from "Ident", "Options", "Facility" and the
     // common keys; opens nothing.
     static base::shared_pointer<velk_logger::logger> factory(target_config& config);
+    // Appends a sentence for each name in "Options" or "Facility" that the
+    // factory would ignore.
+    static void checkConfig(const target_config& config, std::vector<std::string>& problems);
 };
 
 }  // namespace vlk

@@ -16,10 +16,13 @@
 // take no lock and belong before start() or after shutdown().
 //
 // A call costs one thread-local load, a queue ticket, a turn, one
-// gettimeofday and two atomic increments. The thread is woken by a
-// semaphore once in 128 messages and otherwise every 100 ms, which bounds
-// the delay of delivery. flush() and rotate() wait for one full pass of the
-// logging thread and never return while no logging thread runs.
+// gettimeofday and two atomic increments; a stream's text is built on the
+// caller's stack and copied once into a buffer of its own size. The thread
+// is woken by a semaphore once in 128 messages and otherwise every 100 ms,
+// which bounds the delay of delivery; the post is made only while the
+// thread sleeps, and after each pass it polls for 50 us before it does, so
+// a steady stream of calls makes no system call at all. flush() and rotate() wait for one full pass
+// of the logging thread and never return while no logging thread runs.
 //
 // A stream (see error_stream.hpp) is formatted only after the process-wide
 // filter has let its row through; a row that any target names in
@@ -27,28 +30,18 @@
 // All operations are static and safe from any thread unless said otherwise.
 #pragma once
 
-#include <semaphore.h>
-#include <sys/time.h>
-
 #include <atomic>
 #include <cstdint>
-#include <functional>
-#include <map>
-#include <new>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <vlk/catalogue/error_id.hpp>
-#include <vlk/catalogue/error_manager.hpp>
-#include <vlk/containers/mpmc_queue.hpp>
-#include <vlk/containers/mutex_lock.hpp>
 #include <vlk/containers/shared_pointer.hpp>
 #include <vlk/containers/worklist.hpp>
 #include <vlk/logging/error_stream.hpp>
 #include <vlk/logging/log_stream.hpp>
 #include <vlk/logging/target_config.hpp>
-#include <vlk/system/init_once.hpp>
-#include <vlk/system/thread.hpp>
 
 namespace vlk {
 
@@ -73,10 +66,36 @@ class velk_logger {
     static void addTarget(target_config& config);
     // Registers a factory; a name already registered keeps its first one.
     static void addTargetFactory(const std::string& name, target_factory const& factory);
+    // The problems of one target's configuration, each a sentence that
+    // names its key: no or an unknown "Protocol", keys the protocol does not
+    // read, values that do not parse, level names that are not exact, row
+    // patterns that do not compile or name no row. Empty when all is well.
+    // Stricter than addTarget, which reads what it can and says nothing (it
+    // takes "Level = errant" for error and "Level = loud" for no level).
+    // Keys of a protocol registered by the program are not judged. Rows are
+    // looked up in the catalogue, so error_manager::init() comes first.
+    static std::vector<std::string> checkTargetConfig(const target_config& config);
+
+    // Bounds what the queue holds, counted as each record's text block (its
+    // capacity with the allocator's header and rounding) plus its slot: a
+    // record that would go past `bytes` is dropped, and the
+    // next record delivered is preceded by a line that says how many were.
+    // 0, the default, queues without bound and drops nothing. Needs init();
+    // set it before anything is logged, since records queued earlier are not
+    // counted. The bound may be passed by one record per producing thread.
+    static void setQueueLimit(std::uint64_t bytes);
 
     // Whether some target may want the row: its level is active or a target
     // names it. False before init().
-    static bool willLog(const error_id& id);
+    static bool willLog(const error_id& id) {
+        // Relaxed: one word, kept equal to the implementation's filter by the
+        // configuring thread; any value it held is a valid filter.
+        const std::uint32_t filter = _filter.load(std::memory_order_relaxed);
+        if ((id.level & filter) != 0) {
+            return true;
+        }
+        return (filter & k_namedRows) != 0 && _isNamedRow(id);
+    }
     // Whether a target declared the row fatal.
     static bool isFatalError(const error_id& id);
 
@@ -104,9 +123,10 @@ class velk_logger {
     static void imbueBackTrace(log_stream& stream);
 
     // Wait for one pass of the logging thread: without limit, or for at
-    // most `milliseconds`. Never call them on the logging thread.
+    // most `milliseconds`, true if a pass ended in time. Never call them on
+    // the logging thread.
     static void flush();
-    static void flush(unsigned long milliseconds);
+    static bool flush(unsigned long milliseconds);
     // Asks every target to rotate and waits for one pass.
     static void rotate();
 
@@ -116,6 +136,16 @@ class velk_logger {
     // Delivers what is queued, joins the thread, shuts the targets down and
     // releases them. Nothing before start().
     static void shutdown();
+    // The same, but waits at most `milliseconds` for the logging thread's
+    // last pass, which a stalled target (a full pipe nobody reads) can hold
+    // up for ever. False when the thread has not ended in time: it and the
+    // targets are left as they are, and a later shutdown() or terminate()
+    // waits for it without limit. A process that cannot wait ends with
+    // _exit, since static destruction would tear down the logger under the
+    // running thread. True when the logger is stopped.
+    static bool shutdown(unsigned long milliseconds);
+    // Records queued and not yet taken by the logging thread.
+    static std::uint64_t queuedCount();
     // Writes what is still queued to standard error ("error" and above),
     // destroys the logger and ends the allocator. Nothing may log afterwards.
     static void terminate();
@@ -146,6 +176,19 @@ class velk_logger {
   private:
     friend class _velk_logger_detail::_velk_logger_impl;
 
+    // The bit of `_filter` above the level bits: some target names rows.
+    static constexpr std::uint32_t k_namedRows = 1u << 8;
+    // Whether a target names the row; out of line, behind the level test.
+    static bool _isNamedRow(const error_id& id);
+    // Queues a formatted record, waits up to `flushMilliseconds` for the
+    // logging thread when not 0, then ends the process if a target declared
+    // the row fatal. Drops the record when there is no logger.
+    static void _enqueue(const error_id& id, log_stream_buffer&& text,
+                         unsigned long flushMilliseconds);
+    // The same for text formatted on the caller's stack: it takes a block of
+    // its own size, and none at all when a queue limit drops the record.
+    static void _enqueue(const error_id& id, message_text& text);
+
     // The record of row 00-0041 for a row declared fatal; never returns.
     [[noreturn]] static void _declaredFatal();
     // How abort ends: 0 exit after log, 1 exit after logWithBacktrace, 2
@@ -155,169 +198,16 @@ class velk_logger {
     static void _writeToStandardError(const char* text, std::uint64_t length);
     [[noreturn]] static void _end(int mode);
 
-    static system::init_once<_velk_logger_detail::_velk_logger_impl> _instance;
     static inline std::atomic<_velk_logger_detail::_velk_logger_impl*> _impl{nullptr};
+    // The active levels, and k_namedRows when a target names rows; 0 while
+    // there is no logger. Written by the implementation only.
+    static inline std::atomic<std::uint32_t> _filter{0};
     static inline std::atomic<std::uint8_t> _shutdownInitiated{0};
+    // Set on a thread that has entered abort(), which never returns.
+    static inline thread_local bool _endingProcess = false;
 };
 
 namespace _velk_logger_detail {
-
-// One thread's part of every record line it sends: its log id and, for each
-// row of log_level_cstrings, the fixed middle " [<id>] <level>: ". Kept
-// until the logger is destroyed, since queued messages point at it.
-struct velk_logger_tsd_data {
-    std::uint64_t logId = 0;
-    std::string levelText[9];
-};
-
-// One queue slot, and the logging thread's working copy of one.
-struct fast_log_message {
-    velk_logger_tsd_data* tsd = nullptr;
-    timeval time{};
-    log_stream_buffer buffer;
-    error_id id;
-};
-
-// A pointer per thread in a plain thread-local variable, made on first use
-// by the creator, which receives the variable's address. Only the form
-// without a pthread key is built.
-template <typename T, bool UseKey>
-class per_thread_global;
-
-template <typename T>
-class per_thread_global<T, false> {
-  public:
-    using creator_type = std::function<T*(T**)>;
-
-    explicit per_thread_global(creator_type creator) : _creator(std::move(creator)) {}
-
-    T* get() {
-        T* data = _pT;
-        return data != nullptr ? data : _creator(&_pT);
-    }
-
-    static inline constinit thread_local T* _pT = nullptr;
-
-  private:
-    creator_type _creator;
-};
-
-// Fills a slot and stamps it: the time is taken inside the lane's turn, so
-// the records of one lane are in time order.
-struct log_queue_value_traits {
-    static void moveIn(void* slot, fast_log_message&& message) {
-        auto* stored = new (slot) fast_log_message(std::move(message));
-        ::gettimeofday(&stored->time, nullptr);
-    }
-    static void moveOut(void* slot, fast_log_message& target) {
-        auto* stored = std::launder(static_cast<fast_log_message*>(slot));
-        target = std::move(*stored);
-        stored->~fast_log_message();
-    }
-};
-
-class alignas(128) _velk_logger_impl {
-  public:
-    using log_queue = lockfree::mpmc_queue<
-        lockfree::mpmc_queue_traits<fast_log_message, 1024, 8, true, true, log_queue_value_traits>>;
-
-    _velk_logger_impl();
-    ~_velk_logger_impl();
-    _velk_logger_impl(const _velk_logger_impl&) = delete;
-    _velk_logger_impl& operator=(const _velk_logger_impl&) = delete;
-
-    void init();
-    bool start();
-    void flush();
-    void _flush(unsigned long milliseconds);
-    void rotate();
-    void shutdown();
-    void terminate();
-
-    bool willLog(const error_id& id) const {
-        // Relaxed: the mask is one word, written by start() on the
-        // configuring thread; any value it held is a valid filter.
-        if ((id.level & _activeLevels.load(std::memory_order_relaxed)) != 0) {
-            return true;
-        }
-        return !_includeErrors.empty() && _includeErrors.contains(id);
-    }
-    bool isFatalError(const error_id& id) const {
-        return !_fatalErrors.empty() && _fatalErrors.contains(id);
-    }
-
-    void log(const error_id& id, const std::string& text);
-    void log_with_move(const error_id& id, log_stream_buffer&& text) {
-        fast_log_message message;
-        message.tsd = _tsd.get();
-        message.buffer = std::move(text);
-        message.id = id;
-        _logQueue.put(std::move(message));
-        // Relaxed: a count for the wake-up rule only; the queue publishes
-        // the message itself.
-        if ((_messageCount.fetch_add(1, std::memory_order_relaxed) + 1) % 128 == 0) {
-            ::sem_post(&_wakeup);
-        }
-    }
-
-    void addTarget(target_config& config);
-    void addTargetFactory(const std::string& name, velk_logger::target_factory const& factory);
-    void getLoggersInfo(base::worklist<file_logging_info>& files,
-                        base::worklist<console_logging_info>& consoles,
-                        base::worklist<syslog_logging_info>& syslogs);
-    static void imbueBackTrace(log_stream& stream);
-
-    velk_logger_tsd_data* threadData() { return _tsd.get(); }
-
-    // 0 before init(), 1 while it runs, 2 after.
-    std::atomic<std::uint32_t> _initState{0};
-    // 1 while no logging thread runs; start() takes it to 0 and shutdown()
-    // back to 1, each by compare-and-swap so that one caller wins.
-    std::atomic<std::uint32_t> _stopped{1};
-    // Messages queued; one in 128 posts the semaphore.
-    std::atomic<std::uint64_t> _messageCount{0};
-    thread _loggingThread;
-    std::string _hostname;
-    std::string _userId;
-    std::string _programName;
-    alignas(128) per_thread_global<velk_logger_tsd_data, false> _tsd;
-    alignas(128) sem_t _wakeup;
-    // Raised at the end of every pass of the logging thread. Release there,
-    // acquire in the waiters: a waiter that sees it move sees what the pass
-    // did to the targets.
-    std::atomic<std::uint64_t> _flushGeneration{0};
-    // Non-zero: the targets are to rotate at the next pass.
-    std::atomic<std::uint64_t> _rotateRequested{0};
-    alignas(128) lock::mutex_lock _tsdLock;  // guards _tsdList
-    base::worklist<velk_logger_tsd_data*> _tsdList;
-    alignas(128) log_queue _logQueue;
-    // The targets' include and fatal sets merged. Written only while no
-    // logging thread runs and before other threads log.
-    error_set _includeErrors;
-    error_set _fatalErrors;
-    base::worklist<base::shared_pointer<velk_logger::logger>> _targets;
-    // The same targets, as the logging thread walks them.
-    base::worklist<velk_logger::logger*> _targetList;
-    // Where the logging thread composes each record line; never shrinks.
-    log_stream _lineBuffer;
-    std::map<std::string, velk_logger::target_factory> _targetFactories;
-    // The mask willLog reads: all levels until start(), then the union of
-    // the targets' levels.
-    std::atomic<std::uint32_t> _activeLevels{0xFF};
-    std::uint32_t _configuredLevels = 0;
-
-    // Log ids handed out; the first thread gets 1.
-    static inline std::atomic<std::uint32_t> _threadCounter{0};
-
-  private:
-    velk_logger_tsd_data* _createData(velk_logger_tsd_data** slot);
-    void _loggingThreadEntryPoint();
-    void _processLogQueue(fast_log_message& message);
-    void _drainQueue(fast_log_message& message);
-    void _composeLine(const fast_log_message& message);
-    void _releaseTargets();
-    void _waitForPass(std::uint64_t generation);
-};
 
 // A fixed stack buffer that takes what fits and drops the rest; for the
 // message of an abort when no logger can carry it.
@@ -350,46 +240,36 @@ class fixed_text {
 
 }  // namespace _velk_logger_detail
 
-inline bool velk_logger::willLog(const error_id& id) {
-    const auto* impl = _implementation();
-    return impl != nullptr && impl->willLog(id);
-}
-
 template <typename Stream>
 void velk_logger::log(const Stream& stream) {
-    auto* impl = _implementation();
     // The filter comes before any formatting: an unwanted message costs this.
-    if (impl == nullptr || !impl->willLog(stream.id())) {
+    if (!willLog(stream.id())) {
         return;
     }
-    log_stream text(log_stream_buffer::withCapacity(1024));
+    message_text text;
     stream.appendTo(text);
     text.append('\n');
-    impl->log_with_move(stream.id(), std::move(text));
-    if (impl->isFatalError(stream.id())) {
-        _declaredFatal();
-    }
+    _enqueue(stream.id(), text);
 }
 
 template <typename Stream>
 void velk_logger::logWithBacktrace(const Stream& stream) {
-    auto* impl = _implementation();
-    if (impl == nullptr || !impl->willLog(stream.id())) {
+    if (!willLog(stream.id())) {
         return;
     }
     log_stream text(log_stream_buffer::withCapacity(4096));
     stream.appendTo(text);
     text.append("\nBACKTRACE:\n", 12);
     imbueBackTrace(text);
-    impl->log_with_move(stream.id(), std::move(text));
-    flush(5000);
-    if (impl->isFatalError(stream.id())) {
-        _declaredFatal();
-    }
+    _enqueue(stream.id(), std::move(text), 5000);
 }
 
 template <typename Stream>
 void velk_logger::abort(const Stream& stream) {
+    // The record below may itself be a fatal row (00-0041 listed in
+    // "FatalErrors"), and so may the first record of a thread: this thread
+    // is already on its way out, so they are logged and not obeyed again.
+    _endingProcess = true;
     const int mode = _abortMode();
     if (_implementation() == nullptr) {
         _velk_logger_detail::fixed_text text;
@@ -402,6 +282,9 @@ void velk_logger::abort(const Stream& stream) {
     } else {
         log(stream);
     }
+    // The first pass may have begun before the record went in; the second
+    // began after it, so the record has reached the targets.
+    flush();
     flush();
     _end(mode);
 }

@@ -17,10 +17,13 @@
 #include <cstdint>
 #include <string>
 
-#include <pcre.h>
-
-#include <vlk/containers/cstring.hpp>
 #include <vlk/containers/intrusive_pointer.hpp>
+#include <vlk/system/cstring.hpp>
+
+// PCRE's own types, declared as <pcre.h> declares them, so that this header
+// does not bring in the library's interface.
+struct real_pcre;
+struct pcre_extra;
 
 namespace vlk {
 
@@ -53,7 +56,7 @@ class jit_regex {
     // True when PCRE could not say whether the study made JIT code; the
     // matcher then calls pcre_jit_exec with its own stack.
     bool _useJitExec = false;
-    pcre* _code = nullptr;         // null until a compile has succeeded
+    real_pcre* _code = nullptr;    // null until a compile has succeeded
     pcre_extra* _extra = nullptr;  // null when there is no study data
 };
 

@@ -9,9 +9,12 @@
 
 #include <string>
 
-#include <pcre.h>
+#include <vlk/system/cstring.hpp>
 
-#include <vlk/containers/cstring.hpp>
+// PCRE's own types, declared as <pcre.h> declares them, so that this header
+// does not bring in the library's interface.
+struct real_pcre;
+struct pcre_extra;
 
 namespace vlk {
 
@@ -32,7 +35,7 @@ class regex {
     // `length` is not used. A previous `_code` is overwritten, not freed.
     void _init(const char* pattern, unsigned long length);
 
-    pcre* _code = nullptr;         // null until a compile has succeeded
+    real_pcre* _code = nullptr;    // null until a compile has succeeded
     pcre_extra* _extra = nullptr;  // null when there is no study data
 };
 

@@ -18,10 +18,8 @@
 #include <string>
 #include <string_view>
 
-#include <pcre.h>
-
-#include <vlk/containers/cstring.hpp>
 #include <vlk/regex/jit_regex.hpp>
+#include <vlk/system/cstring.hpp>
 
 namespace velk {
 
@@ -85,28 +83,7 @@ class velk_regex_manager {
     }
 
     static int match(void* regex, const char* text, unsigned long length, unsigned long startOffset,
-                     int* ovector, unsigned long ovectorSize) {
-        if (regex == nullptr) {
-            return -1;
-        }
-        // The stack comes first, so a thread has one even when the
-        // expression turns out not to use it.
-        void* stack = getJitStack();
-        const auto* expression = static_cast<const vlk::jit_regex*>(regex);
-        if (expression->_code == nullptr) {
-            return -1;
-        }
-        // PCRE's arguments are ints: longer values are cut, as PCRE would
-        // cut them.
-        if (expression->_useJitExec) [[unlikely]] {
-            return pcre_jit_exec(expression->_code, expression->_extra, text,
-                                 static_cast<int>(length), static_cast<int>(startOffset), 0,
-                                 ovector, static_cast<int>(ovectorSize),
-                                 static_cast<pcre_jit_stack*>(stack));
-        }
-        return pcre_exec(expression->_code, expression->_extra, text, static_cast<int>(length),
-                         static_cast<int>(startOffset), 0, ovector, static_cast<int>(ovectorSize));
-    }
+                     int* ovector, unsigned long ovectorSize);
 
   private:
     static bool lazyMatch(const char* text, unsigned long length, std::string_view pattern,

@@ -1,12 +1,12 @@
 // The one exit for an unrecoverable state.
 //
-// `abort(message)` logs catalogue row 00-0041, "VELK encountered a fatal
-// condition and is exiting: <message>.", through the logger's abort: the
-// record goes out, the logging thread is given one pass, and the process
-// ends with status 255 (or abort() as VELK_ABORT chooses). Before the logger
-// is initialised the message goes to standard error instead. Never returns.
-// Once the logger is initialised, the end waits for a pass of its logging
-// thread: a process that never started it stays in that wait.
+// `abort(message)` reports "VELK encountered a fatal condition and is
+// exiting: <message>." through the installed abort reporter (fatal.hpp) and
+// ends the process with status 255, or abort() as VELK_ABORT chooses. By
+// default the text goes to standard error; the logger, once initialised,
+// logs it instead and waits for a pass of its logging thread first (a
+// process that never started that thread stays in that wait).
+// Never returns.
 #pragma once
 
 #include <string>

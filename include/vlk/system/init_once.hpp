@@ -26,7 +26,7 @@
 #include <cstdint>
 #include <new>
 
-#include <vlk/memory/allocate.hpp>
+#include <vlk/system/allocate.hpp>
 
 namespace vlk::system {
 

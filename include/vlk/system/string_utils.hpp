@@ -8,7 +8,7 @@
 // thread; toUpper and toLower depend on the process's locale.
 #pragma once
 
-#include <vlk/containers/cstring.hpp>
+#include <vlk/system/cstring.hpp>
 
 #include <array>
 #include <cstddef>

@@ -7,9 +7,9 @@
 //     valid as soon as it returns true;
 //   - each thread runs with an alternate signal stack of 8192 bytes held in its
 //     own thread_impl, so a handler for a stack overflow still has a stack;
-//   - nothing escapes a thread's body: an escaped exception is reported as
-//     catalogue row 30-0004, and the process-wide thread terminate function
-//     runs last on every thread however its body ended.
+//   - nothing escapes a thread's body: an escaped exception goes to the
+//     escaped-exception reporter (fatal.hpp), and the process-wide thread
+//     terminate function runs last on every thread however its body ended.
 //
 // start, join and detach may be called from any thread; they exclude each
 // other through one adaptive mutex. Destroying the last handle neither joins
@@ -31,7 +31,7 @@
 #include <cstdint>
 #include <functional>
 
-#include <vlk/containers/mutex_lock.hpp>
+#include <vlk/system/mutex_lock.hpp>
 
 namespace vlk {
 

@@ -1,4 +1,4 @@
-#include <vlk/memory/allocate.hpp>
+#include <vlk/system/allocate.hpp>
 
 #include <cstdlib>
 

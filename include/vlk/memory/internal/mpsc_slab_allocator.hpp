@@ -27,10 +27,10 @@
 #include <cstring>
 
 #include <vlk/containers/mpmc_hash_map.hpp>
-#include <vlk/containers/spin_lock.hpp>
-#include <vlk/memory/mmap.hpp>
 #include <vlk/system/clock.hpp>
 #include <vlk/system/host.hpp>
+#include <vlk/system/mmap.hpp>
+#include <vlk/system/spin_lock.hpp>
 
 namespace vlk::memory {
 

@@ -1,4 +1,4 @@
-#include <vlk/containers/spin_lock.hpp>
+#include <vlk/system/spin_lock.hpp>
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include <vlk/memory/allocate.hpp>
+#include <vlk/system/allocate.hpp>
 
 #include <gtest/gtest.h>
 
@@ -12,9 +12,13 @@
 
 #include "../concurrency.hpp"
 
-// Under AddressSanitizer a failed allocation must come back as null, as it
-// does from glibc, for the out-of-memory path to be reached.
+// Under AddressSanitizer and ThreadSanitizer a failed allocation must come
+// back as null, as it does from glibc, for the out-of-memory path to be
+// reached.
 extern "C" const char* __asan_default_options() {
+    return "allocator_may_return_null=1";
+}
+extern "C" const char* __tsan_default_options() {
     return "allocator_may_return_null=1";
 }
 

@@ -7,7 +7,7 @@
 // The one wrapper with a policy of its own is the anonymous `mmap(size)`: it
 // never returns null. A failure is retried every 100 ms for one second, and
 // then the process ends with status 255 and a report of the error and the
-// mapping counts (catalogue row 00-0046).
+// mapping counts, through the mapping-failure reporter of system/fatal.hpp.
 //
 // Every operation exists in namespace `vlk` and, forwarding, under
 // `vlk::system::memory` with the same signature.

@@ -1,4 +1,4 @@
-#include <vlk/memory/mmap.hpp>
+#include <vlk/system/mmap.hpp>
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>

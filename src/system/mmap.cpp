@@ -1,4 +1,4 @@
-#include <vlk/memory/mmap.hpp>
+#include <vlk/system/mmap.hpp>
 
 #include <sys/mman.h>
 
@@ -11,12 +11,10 @@
 #include <new>
 #include <string_view>
 
-#include <vlk/catalogue/errors.hpp>
-#include <vlk/containers/mutex_lock.hpp>
-#include <vlk/logging/velk_logger.hpp>
-#include <vlk/memory/allocate.hpp>
-#include <vlk/system/abort.hpp>
+#include <vlk/system/allocate.hpp>
 #include <vlk/system/clock.hpp>
+#include <vlk/system/fatal.hpp>
+#include <vlk/system/mutex_lock.hpp>
 
 namespace vlk {
 namespace {
@@ -83,8 +81,8 @@ std::string_view errnoText(int code, char (&buffer)[512]) {
     return {buffer, static_cast<std::size_t>(end - buffer)};
 }
 
-// Ends the process with row 00-0046: the error's text and the mapping
-// counts, through the logger's abort.
+// Ends the process with a report of the error's text and the mapping
+// counts.
 [[noreturn]] void abortOnMappingFailure(int code) {
     const unsigned long mapped = mmap_stats::mappedCount();
     const unsigned long unmapped = mmap_stats::unmappedCount();
@@ -93,13 +91,7 @@ std::string_view errnoText(int code, char (&buffer)[512]) {
     errno = code;
     char textBuffer[512];
     const std::string text(errnoText(code, textBuffer));
-    const auto& row = errors::E000046;
-    const auto& pieces = row.fragments;
-    velk_logger::abort(
-        velk_error_stream9<std::string, std::string, std::string, unsigned long, std::string,
-                           unsigned long, std::string, unsigned long, std::string>(
-            row, pieces[0], text, pieces[1], mapped, pieces[2], unmapped, pieces[3], active,
-            pieces[4]));
+    system::reportMappingFailure({text, mapped, unmapped, active});
 }
 
 // An anonymous mapping that is retried for a second before the process ends.
