@@ -56,7 +56,9 @@ std::size_t parseOffset(std::string_view text, std::size_t at, timestamp& out) {
 }
 
 // The identifier at the start of `text`: two hexadecimal digits, then "-"
-// and four decimal digits or "B" and five. Returns the bytes used, 0 if none.
+// and four decimal digits or "B" and five. The logger writes the "B" form
+// only for codes of five digits, so "1FB02345" is no identifier: each one
+// has a single spelling. Returns the bytes used, 0 if none.
 std::size_t parseIdentifier(std::string_view text, error_id& id) {
     if (text.size() < 7) {
         return 0;
@@ -72,7 +74,8 @@ std::size_t parseIdentifier(std::string_view text, error_id& id) {
     }
     const std::size_t width = text[2] == '-' ? 4 : text[2] == 'B' ? 5 : 0;
     int code = 0;
-    if (width == 0 || !digits(text, 3, width, code) || code > 0xFFFF) {
+    if (width == 0 || !digits(text, 3, width, code) || code > 0xFFFF ||
+        (width == 5) != (code >= 10000)) {
         return 0;
     }
     id.category = static_cast<std::uint8_t>(category);
