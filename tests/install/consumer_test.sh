@@ -21,15 +21,8 @@ cmake=${CMAKE:-cmake}
 cxx=${CXX:-c++}
 here=$(cd "$(dirname "$0")" && pwd)
 
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+. "$here/harness.sh"
 prefix=$work/prefix
-
-step() { echo "== $*"; }
-fail() {
-    echo "FAIL: $*"
-    exit 1
-}
 
 step "install into $prefix"
 "$cmake" --install "$build" --prefix "$prefix" ${config:+--config "$config"}

@@ -13,14 +13,7 @@ version=$2
 golden=$3
 here=$(cd "$(dirname "$0")" && pwd)
 
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-
-step() { echo "== $*"; }
-fail() {
-    echo "FAIL: $*"
-    exit 1
-}
+. "$here/harness.sh"
 
 step "cpack -G DEB"
 "${CPACK:-cpack}" -G DEB --config "$build/CPackConfig.cmake" -B "$work"

@@ -17,15 +17,9 @@ cxx=${CXX:-c++}
 objdump=${OBJDUMP:-objdump}
 here=$(cd "$(dirname "$0")" && pwd)
 
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+. "$here/harness.sh"
 prefix=$work/prefix
 
-step() { echo "== $*"; }
-fail() {
-    echo "FAIL: $*"
-    exit 1
-}
 # Succeeds if objdump -p's output on standard input has the dynamic entry
 # <tag> libvlk.so.<soversion>.
 dynamic_entry() {

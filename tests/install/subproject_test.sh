@@ -16,15 +16,8 @@ cmake=${CMAKE:-cmake}
 ctest=${CTEST:-ctest}
 here=$(cd "$(dirname "$0")" && pwd)
 
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+. "$here/harness.sh"
 build=$work/build
-
-step() { echo "== $*"; }
-fail() {
-    echo "FAIL: $*"
-    exit 1
-}
 
 step "configure with $how, GoogleTest disabled"
 "$cmake" -S "$here/subproject" -B "$build" -DVLK_HOW="$how" -DVLK_SOURCE_DIR="$source" \
