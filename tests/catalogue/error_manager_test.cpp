@@ -28,14 +28,14 @@ TEST(Catalogue, RowObjectsCarryTheirIdentifierLevelAndFragments) {
     EXPECT_EQ(vlk::errors::E000000.level, 0x01);  // a bare row
 }
 
+// Invalid patterns find nothing; velkmsg's test runs more of them.
 TEST(Catalogue, SearchFoldsNothingAndAddsToWhatTheResultHolds) {
-    // Lower-case hex is folded by velkmsg, not here; invalid patterns find nothing.
-    for (const std::string pattern :
-         {"ff-0001", "[0-9A-F]{2}B", "uncatalogued", "(", "[", "*", "\\", "a{2,1}"}) {
+    for (const std::string pattern : {"ff-0001", "[0-9A-F]{2}B", "uncatalogued", "("}) {
         error_map map;
         error_set set;
-        EXPECT_FALSE(error_manager::findErrors(pattern, map)) << pattern;
-        EXPECT_FALSE(error_manager::findErrors(pattern, set)) << pattern;
+        EXPECT_FALSE(error_manager::findErrors(pattern, map) ||
+                     error_manager::findErrors(pattern, set))
+            << pattern;
         EXPECT_EQ(map.size() + set.size(), 0u) << pattern;
     }
     error_map map;
@@ -45,7 +45,6 @@ TEST(Catalogue, SearchFoldsNothingAndAddsToWhatTheResultHolds) {
     EXPECT_EQ(map.size(), 25u);
     EXPECT_TRUE(error_manager::findErrors("zz", map));  // no new hit, rows held: true
     EXPECT_EQ(map.size(), 25u);
-
     error_set set;
     EXPECT_TRUE(error_manager::findErrors("^01-", set));
     EXPECT_TRUE(error_manager::findErrors("-0001$", set));
@@ -123,24 +122,13 @@ bool matches(const vlk::regex& expression, const std::string& subject) {
                      static_cast<int>(subject.size()), 0, 0, vector, 16) >= 0;
 }
 
-// The copy behind a view is shared with jit_regex, whose test runs it on
-// both sides of the on-stack size.
-TEST(Regex, InitKeepsTheFirstPatternAndViewsCompileUpToTheirLengthOrFirstNul) {
-    vlk::regex expression(std::string("^01-")), invalid(std::string("("));
+// Invalid patterns are checked through velkmsg (cli_test), and the copy
+// behind a view by jit_regex's test, whose code it shares.
+TEST(Regex, InitKeepsTheFirstPattern) {
+    vlk::regex expression(std::string("^01-"));
     expression.init(std::string("^02-"));
     EXPECT_TRUE(matches(expression, "01-0001"));
     EXPECT_FALSE(matches(expression, "02-0001"));
-    EXPECT_EQ(invalid._code, nullptr);  // and the next init compiles
-    EXPECT_EQ(invalid._extra, nullptr);
-    invalid.init(std::string("x"));
-    EXPECT_TRUE(matches(invalid, "x"));
-
-    const std::string text = "^AB$tail-not-in-view";
-    vlk::regex view(vlk::base::cstring{text.data(), 4});
-    EXPECT_TRUE(matches(view, "AB"));
-    const char withNul[] = {'0', '1', '\0', '(', '('};
-    vlk::regex beforeNul(vlk::base::cstring{withNul, sizeof withNul});
-    EXPECT_TRUE(matches(beforeNul, "01-0001"));  // "((" was never compiled
 }
 
 }  // namespace

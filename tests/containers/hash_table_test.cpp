@@ -118,33 +118,20 @@ TYPED_TEST(HashTable, NodeSearchWrapsToTheFirstSegment) {
     EXPECT_NE(this->table.findEntry(this->key(31, last)), nullptr);
 }
 
-// Counts live instances, to check that a table destroys what it holds once.
-struct counted {
-    static inline int live = 0;
-    std::string text;
-    explicit counted(std::string t) : text(std::move(t)) { ++live; }
-    counted(const counted& other) : text(other.text) { ++live; }
-    counted(counted&& other) noexcept : text(std::move(other.text)) { ++live; }
-    ~counted() { --live; }
-};
-
-TEST(HashMap, KeepsAPresentKeysValueAndDestroysEveryValueOnceAcrossGrowthAndMove) {
-    counted::live = 0;
-    {
-        vlk::base::hash_map<std::string, counted, vlk::base::hash_map_constants<16, 2>> map;
-        for (unsigned long i = 0; i < 2000; ++i) {
-            ASSERT_TRUE(map.insert("key-" + std::to_string(i), counted(std::to_string(i))));
-        }
-        EXPECT_FALSE(map.insert("key-7", counted("other")));
-        EXPECT_GT(map.table()->bucket_count, 16u);
-        EXPECT_EQ(counted::live, 2000);
-        auto moved(std::move(map));
-        EXPECT_EQ(map.table(), nullptr);
-        EXPECT_EQ(map.size(), 0u);
-        EXPECT_EQ(moved.find("key-7")->text, "7");
-        EXPECT_EQ(moved.find("key-2000"), nullptr);
+// Under the sanitizers a value destroyed twice or never shows as an error.
+TEST(HashMap, KeepsAPresentKeysValueAcrossGrowthAndMove) {
+    vlk::base::hash_map<std::string, std::string, vlk::base::hash_map_constants<16, 2>> map;
+    for (unsigned long i = 0; i < 2000; ++i) {
+        ASSERT_TRUE(
+            map.insert("key-" + std::to_string(i), std::string(40, 'a') + std::to_string(i)));
     }
-    EXPECT_EQ(counted::live, 0);
+    EXPECT_FALSE(map.insert("key-7", std::string("other")));
+    EXPECT_GT(map.table()->bucket_count, 16u);
+    auto moved(std::move(map));
+    EXPECT_EQ(map.table(), nullptr);
+    EXPECT_EQ(map.size(), 0u);
+    EXPECT_EQ(*moved.find("key-7"), std::string(40, 'a') + "7");
+    EXPECT_EQ(moved.find("key-2000"), nullptr);
 }
 
 TEST(HashSet, TerminateFreesAndAllowsRefilling) {
