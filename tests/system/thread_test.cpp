@@ -68,12 +68,22 @@ TEST_F(Thread, StartReturnsRunningWithTidAndSelfAndRefusesASecondStart) {
     EXPECT_NE(pthread_equal(thread.self(), seenSelf), 0);
     EXPECT_EQ(replacementRuns.load(), 0);
 
-    // Joined, it starts again with the body the refused call installed.
+    // Joined, it starts again with the body the refused call installed; a
+    // failed create throws and leaves it startable.
     ASSERT_TRUE(thread.start());
     thread.join();
     thread.join();
     EXPECT_EQ(replacementRuns.load(), 1);
-    EXPECT_EQ(terminated.load(), 2);
+    pthread_attr_t huge;
+    pthread_attr_init(&huge);
+    pthread_attr_setstacksize(&huge, std::size_t{1} << 47);  // the whole address space
+    EXPECT_THROW(thread.start(huge), vlk::exception);
+    pthread_attr_destroy(&huge);
+    EXPECT_FALSE(thread.isRunning());
+    ASSERT_TRUE(thread.start());
+    thread.join();
+    EXPECT_EQ(replacementRuns.load(), 2);
+    EXPECT_EQ(terminated.load(), 3);
 }
 
 TEST_F(Thread, JoinersWaitForTheEndAndDetachedThreadsStayRunning) {
@@ -140,50 +150,6 @@ TEST_F(Thread, EachThreadHandlesSignalsOnItsOwnAlternateStack) {
     }
     sigaction(SIGUSR1, &previous, nullptr);
     EXPECT_NE(stacks[0].ss_sp, stacks[1].ss_sp);
-}
-
-TEST_F(Thread, StackSizeIsRaisedToTheMinimumAndZeroMeansTheDefault) {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "ThreadSanitizer enlarges small thread stacks";
-#endif
-    auto stackOfAThreadStartedWith = [](std::uint64_t requested) {
-        std::size_t size = 0;
-        vlk::thread thread;
-        thread.start(
-            [&size] {
-                pthread_attr_t attributes;
-                pthread_getattr_np(pthread_self(), &attributes);
-                pthread_attr_getstacksize(&attributes, &size);
-                pthread_attr_destroy(&attributes);
-            },
-            requested);
-        thread.join();
-        return size;
-    };
-    // The libc hands a freed stack to a later thread that asks for up to
-    // four times less; falling sizes five times apart get fresh stacks each.
-    namespace settings = vlk::system::thread;
-    const std::uint64_t systemDefault = vlk::thread::getstacksize();
-    EXPECT_EQ(stackOfAThreadStartedWith(0), systemDefault);
-    settings::defaultStackSize(80 * 1024);  // stands in for 0
-    EXPECT_EQ(stackOfAThreadStartedWith(0), 80U * 1024);
-    EXPECT_EQ(stackOfAThreadStartedWith(100), vlk::thread_impl::minimum_stack_size);
-    settings::defaultStackSize(systemDefault);
-    settings::defaultStackSize(0);  // the libc keeps its default
-    EXPECT_EQ(vlk::thread::getstacksize(), systemDefault);
-}
-
-TEST_F(Thread, FailedCreateThrowsAndLeavesTheObjectStartable) {
-    pthread_attr_t huge;
-    pthread_attr_init(&huge);
-    pthread_attr_setstacksize(&huge, std::size_t{1} << 47);  // the whole address space
-    vlk::thread thread([] {});
-    EXPECT_THROW(thread.start(huge), vlk::exception);
-    pthread_attr_destroy(&huge);
-    EXPECT_FALSE(thread.isRunning());
-    EXPECT_TRUE(thread.start());
-    thread.join();
-    EXPECT_EQ(terminated.load(), 1);
 }
 
 // Records of escaped exceptions queue until the logging thread starts; the
