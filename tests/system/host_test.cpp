@@ -38,14 +38,13 @@ TEST(Host, GrainSizesAndProbeDecisions) {
     EXPECT_FALSE(detail::_isTscInvariant(both));
     unsetenv("VELK_VALGRIND");
 
-    // Kernel minor.patch, then the monotonic and realtime clock ids and
-    // whether futexes take bitsets.
+    // A kernel version, the monotonic and realtime clock ids chosen for it,
+    // and whether its futexes take bitsets.
     const std::tuple<system_version, clockid_t, clockid_t, bool> kernels[] = {
         {{2, 6, 27, 0}, 1, 1, true},
         {{2, 6, 31, 9}, CLOCK_MONOTONIC_RAW, 1, true},
         {{6, 1, 0, 0}, CLOCK_MONOTONIC_COARSE, CLOCK_REALTIME_COARSE, true},
-        {{2, 6, 24, 0}, 1, 1, false},
-    };
+        {{2, 6, 24, 0}, 1, 1, false}};
     for (const auto& [kernel, monotonic, realtime, bitset] : kernels) {
         time::g_monotonicClockId = time::g_realtimeClockId = 1;
         detail::_chooseClocks(kernel.key());
