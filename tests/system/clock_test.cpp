@@ -18,8 +18,6 @@ TEST(Clock, NanosecondsAdvanceAndTheirDifferencesAreUnsigned) {
     ASSERT_EQ(monotonicTime(&ts), 0);
     EXPECT_GE(std::uint64_t(ts.tv_sec) * 1000000000u + std::uint64_t(ts.tv_nsec), start);
     EXPECT_LT(elapsedTime(start), 60.0);
-    EXPECT_GE(now(), 1700000000);  // after November 2023
-    EXPECT_GT(ticks(), 0u);
 }
 
 }  // namespace
