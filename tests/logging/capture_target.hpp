@@ -58,19 +58,14 @@ inline std::vector<vlk::base::shared_pointer<vlk::velk_logger::logger>>& madeTar
     return targets;
 }
 
-inline vlk::base::shared_pointer<vlk::velk_logger::logger> captureFactory(
-    vlk::target_config& config) {
-    auto* target = new capture_target;
-    target->_commonInit(config);
-    vlk::base::shared_pointer<vlk::velk_logger::logger> held(target);
-    madeTargets().push_back(held);
-    return held;
-}
-
 // Registers the factory under "capture" and adds a target built from
 // `config`; returns it.
 inline capture_target& addCaptureTarget(vlk::target_config config) {
-    vlk::velk_logger::addTargetFactory("capture", captureFactory);
+    vlk::velk_logger::addTargetFactory("capture", [](vlk::target_config& keys) {
+        auto* target = new capture_target;
+        target->_commonInit(keys);
+        return madeTargets().emplace_back(target);
+    });
     config["Protocol"] = vlk::friendly_value("capture");
     vlk::velk_logger::addTarget(config);
     return static_cast<capture_target&>(*madeTargets().back());
