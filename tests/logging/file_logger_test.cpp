@@ -5,8 +5,6 @@
 
 #include <ctime>
 
-#include <vlk/catalogue/errors.hpp>
-
 #include "scratch_directory.hpp"
 
 namespace {
@@ -15,20 +13,9 @@ namespace fs = std::filesystem;
 using vlk_test::readFile;
 using FileLogger = vlk_test::scratch_directory;
 
-struct made {
-    vlk::base::shared_pointer<vlk::velk_logger::logger> target;
-    auto& impl() const {
-        return static_cast<vlk::_file_logger_detail::file_logger_impl&>(*target.get());
-    }
-    void log(const std::string& line) const {
-        target->log(vlk::errors::E000001, line.data(), line.size());
-    }
-};
-
-made make(vlk::target_config config) {
-    config["Level"] = std::string("info");
-    return {vlk::file_logger::factory(config)};
-}
+using made =
+    vlk_test::made_target<vlk::_file_logger_detail::file_logger_impl, vlk::file_logger::factory>;
+constexpr auto make = made::make;
 
 std::int64_t coarseSeconds() {
     timespec now{};

@@ -8,8 +8,6 @@
 #include <random>
 #include <vector>
 
-#include <vlk/catalogue/errors.hpp>
-
 #include "scratch_directory.hpp"
 
 namespace {
@@ -17,20 +15,9 @@ namespace {
 namespace fs = std::filesystem;
 using GzipLogger = vlk_test::scratch_directory;
 
-struct made {
-    vlk::base::shared_pointer<vlk::velk_logger::logger> target;
-    auto& impl() const {
-        return static_cast<vlk::_gzip_logger_detail::gzip_logger_impl&>(*target.get());
-    }
-    void log(const std::string& line) const {
-        target->log(vlk::errors::E000001, line.data(), line.size());
-    }
-};
-
-made make(vlk::target_config config) {
-    config["Level"] = std::string("info");
-    return {vlk::gzip_logger::factory(config)};
-}
+using made =
+    vlk_test::made_target<vlk::_gzip_logger_detail::gzip_logger_impl, vlk::gzip_logger::factory>;
+constexpr auto make = made::make;
 
 // What the gzip program reads from `path`, also from a file still being
 // written, whose end it reports as missing.
