@@ -30,20 +30,15 @@ class Target : public ::testing::Test {
     static void SetUpTestSuite() { vlk::error_manager::init(); }
 };
 
+// "errant" is read by its first letters, "debug" is info.
 TEST_F(Target, LevelTakesTheMoreSevereOnesAndLevelsAddsSingleOnes) {
     const struct {
         const char *level, *levels;
         std::uint32_t mask;
     } rows[] = {
-        {"warning", "info", 0xF8},
-        {"", "info", 0x08},
-        {"", "trace,emergency,bogus", 0x82},
-        {"developer", "", 0xFF},
-        {"emergency", "", 0x80},
-        {"none", "", 0},
-        {"errant", "", 0xE0},  // read by its first letters
-        {"", "debug", 0x08},   // "debug" is info
-        {"", "", 0},
+        {"warning", "info", 0xF8}, {"", "info", 0x08},      {"", "trace,emergency,bogus", 0x82},
+        {"developer", "", 0xFF},   {"emergency", "", 0x80}, {"none", "", 0},
+        {"errant", "", 0xE0},      {"", "debug", 0x08},     {"", "", 0},
     };
     for (const auto& r : rows) {
         EXPECT_EQ(levelsOf({{"Level", {r.level}}, {"Levels", {r.levels}}}), r.mask)
