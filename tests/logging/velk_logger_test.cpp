@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -27,6 +26,7 @@
 #include <vlk/system/host.hpp>
 #include <vlk/system/mmap.hpp>
 
+#include "../concurrency.hpp"
 #include "capture_target.hpp"
 
 namespace {
@@ -277,18 +277,12 @@ TEST_F(Logger, StressEveryRecordArrivesOnceAndInOrderPerThread) {
     constexpr int threads = 8;
     capture_target& target = addCaptureTarget(config({{"Level", "info"}}));
     ASSERT_TRUE(velk_logger::start());
-    std::vector<std::thread> producers;
-    for (int t = 0; t < threads; ++t) {
-        producers.emplace_back([t] {
-            for (int i = 0; i < perThread; ++i) {
-                logRow(infoRow, std::to_string(t) + " " + std::to_string(i));
-            }
-            velk_logger::threadTerminate();
-        });
-    }
-    for (auto& producer : producers) {
-        producer.join();
-    }
+    vlk_test::onThreads(threads, [](unsigned t) {
+        for (int i = 0; i < perThread; ++i) {
+            logRow(infoRow, std::to_string(t) + " " + std::to_string(i));
+        }
+        velk_logger::threadTerminate();
+    });
     velk_logger::shutdown();
 
     // Each producer is one thread: its own sequence numbers, in order.
@@ -354,20 +348,9 @@ TEST_F(Logger, FatalPathsEndTheProcessAfterTheirRecord) {
     const std::string lastWords =
         "info: 00-0002 [^\n]*last words\n.*" + exiting + "error logged is declared fatal\\.\n";
     const std::function<void()> boom = [] { vlk::system::abort("boom"); };
-    const auto lastWordsOn = [](int threads) {
+    const auto lastWordsOn = [](unsigned threads) {
         return [threads] {
-            std::vector<std::thread> loggers;
-            std::atomic<int> ready{0};
-            for (int i = 0; i < threads; ++i) {
-                loggers.emplace_back([&] {
-                    for (ready.fetch_add(1); ready.load() < threads;) {
-                    }
-                    logRow(infoRow, "last words");
-                });
-            }
-            for (auto& thread : loggers) {
-                thread.join();
-            }
+            vlk_test::onThreads(threads, [](unsigned) { logRow(infoRow, "last words"); });
             logRow(infoRow, "last words");
         };
     };
