@@ -52,6 +52,19 @@ TEST(JitRegex, InitKeepsTheFirstCompiledPatternInEveryForm) {
     }
 }
 
+// A recompile that fails keeps the entry point chosen before, either one.
+TEST(JitRegex, FailedRecompileLeavesTheEntryPointAsItWas) {
+    for (const bool before : {false, true}) {
+        jit_regex regex(std::string("^a$"));
+        regex._useJitExec = before;
+        pcre* first = regex._code;  // _init overwrites it without freeing
+        regex._init("01-(00", 6);
+        EXPECT_EQ(regex._code, nullptr);
+        EXPECT_EQ(regex._useJitExec, before) << "flag before: " << before;
+        pcre_free(first);
+    }
+}
+
 TEST(JitRegex, ViewsAreCopiedWithTheirLengthOnStackOrHeap) {
     const std::string text = "01-00X";
     jit_regex prefix(cstring{text.data(), 5});  // no NUL behind the view
