@@ -4,23 +4,15 @@
 
 #include <vlk/catalogue/errors.hpp>
 
+#include "capture_target.hpp"
+
 namespace {
 
 using vlk::target_config;
 using vlk::velk_logger;
 
-// A target that only filters, so the shared base can be driven alone.
-class filter_only : public velk_logger::logger {
-  public:
-    bool init() override { return true; }
-    void shutdown() override {}
-    void log(const vlk::error_id&, const char*, unsigned long) override {}
-    void rotate() override {}
-    void flush() override {}
-};
-
 std::uint32_t levelsOf(target_config config) {
-    filter_only target;
+    vlk_test::capture_target target;
     target._commonInit(config);
     return target._levels;
 }
@@ -63,7 +55,7 @@ TEST_F(Target, ExclusionBeatsLevelAndInclusion) {
         {pattern, vlk::errors::E000002, true}, {pattern, vlk::errors::E000003, false},
     };
     for (const auto& r : rows) {
-        filter_only target;
+        vlk_test::capture_target target;
         target_config config = r.config;
         target._commonInit(config);
         EXPECT_EQ(target._accepts(r.id), r.accepted) << "row " << &r - rows;
