@@ -105,7 +105,8 @@ struct private_daemon {
         }
     }
 
-    // Starts the daemon and waits until it listens; empty, or why not.
+    // Starts the daemon, whose messages go to the test's own output, and
+    // waits until it listens; empty, or why not.
     std::string start() {
         static const char daemon[] = "/usr/sbin/rsyslogd";
         if (dir.empty() || access(daemon, X_OK) != 0) {
@@ -122,31 +123,21 @@ struct private_daemon {
         pid = fork();
         if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);  // dies with the test even if it is killed
-            std::freopen((dir / "daemon.out").c_str(), "w", stdout);
-            dup2(fileno(stdout), STDERR_FILENO);
             execl(daemon, "rsyslogd", "-n", "-f", (dir / "rsyslog.conf").c_str(), "-i",
                   (dir / "rsyslogd.pid").c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
-        for (const auto deadline = std::chrono::steady_clock::now() + 10s; !fs::exists(socket());
-             std::this_thread::sleep_for(10ms)) {
-            if (waitpid(pid, nullptr, WNOHANG) == pid) {
-                pid = -1;  // reaped: nothing left to kill
-                return "rsyslogd ended early: " + output();
-            }
-            if (std::chrono::steady_clock::now() > deadline) {
-                return "rsyslogd did not open its socket within 10 s: " + output();
-            }
+        for (int i = 0; i < 1000 && !fs::exists(socket()); ++i) {
+            std::this_thread::sleep_for(10ms);
         }
-        return {};
+        return fs::exists(socket()) ? "" : "rsyslogd did not open its socket within 10 s";
     }
 
     // The complete lines written so far, without the daemon's own, once
     // `count` are there or 10 s have passed.
     std::vector<std::string> waitForRecords(std::size_t count) const {
-        const auto deadline = std::chrono::steady_clock::now() + 10s;
         std::vector<std::string> records;
-        do {
+        for (int i = 0; i < 1000 && records.size() < count; ++i) {
             std::this_thread::sleep_for(10ms);
             std::ifstream lines(dir / "out.log");
             records.clear();
@@ -155,16 +146,11 @@ struct private_daemon {
                     records.push_back(line);
                 }
             }
-        } while (records.size() < count && std::chrono::steady_clock::now() < deadline);
+        }
         return records;
     }
 
     fs::path socket() const { return dir / "log.sock"; }
-    std::string output() const {
-        std::ifstream in(dir / "daemon.out");
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
-
     fs::path dir;
     pid_t pid = -1;
 };
@@ -271,7 +257,7 @@ TEST_F(SyslogLogger, ADaemonReceivesPriorityFacilityIdentityAndTextAsLogged) {
     }
     expected.push_back("154|19|2|vlk-probe:| as it stands: %s %n 100%");
     expected.push_back("155|19|3|vlk-probe:| error");
-    EXPECT_EQ(daemon.waitForRecords(expected.size()), expected) << daemon.output();
+    EXPECT_EQ(daemon.waitForRecords(expected.size()), expected);
 }
 
 }  // namespace

@@ -91,43 +91,32 @@ TEST_F(Logger, RecordLineHasTimeThreadLevelIdentifierAndBodyByteForByte) {
     const auto lines = target.lines();
     ASSERT_EQ(lines.size(), 3U);
     for (std::size_t i = 0; i < lines.size(); ++i) {
-        std::string text = lines[i].text;
+        std::string text = lines[i];
         ASSERT_GT(text.size(), 33U);
         EXPECT_TRUE(text.starts_with(before) || text.starts_with(after))
             << text << " vs " << before;
         const bool offset = text[27] == '+' || text[27] == '-';
         EXPECT_EQ(text.substr(offset ? 33 : 27), logId + rests[i]);
         std::replace_if(text.begin(), text.begin() + 33, ::isdigit, 'd');
-        EXPECT_EQ(text.substr(0, 27), "dddd-dd-ddTdd:dd:dd.ddddddd") << lines[i].text;
-        EXPECT_TRUE(!offset || text.substr(28, 5) == "dd:dd") << lines[i].text;
+        EXPECT_EQ(text.substr(0, 27), "dddd-dd-ddTdd:dd:dd.ddddddd") << lines[i];
+        EXPECT_TRUE(!offset || text.substr(28, 5) == "dd:dd") << lines[i];
     }
 }
 
+// Which rows each target takes is the targets' own test.
 TEST_F(Logger, FilterDecidesBeforeFormattingAndEachTargetFiltersForItself) {
-    EXPECT_TRUE(velk_logger::willLog(infoRow));  // everything queues before start
-    capture_target& warnings = addCaptureTarget(
-        {{"Level", {"warning"}}, {"IncludeErrors", {"00-0002"}}, {"ExcludeErrors", {"00-0035"}}});
-    capture_target& everything = addCaptureTarget({{"Level", {"developer"}}});
-    capture_target& included = addCaptureTarget({{"IncludeErrors", {"00-0030"}}});
+    EXPECT_TRUE(velk_logger::willLog(vlk::errors::E000005));  // everything queues before start
+    capture_target& warnings = addCaptureTarget({{"Level", {"warning"}}});
+    capture_target& everything = addCaptureTarget({{"Level", {"info"}}});
     ASSERT_TRUE(velk_logger::start());
-
     EXPECT_TRUE(velk_logger::willLog(infoRow));
-    EXPECT_TRUE(velk_logger::willLog(vlk::errors::E000005));  // developer, via `everything`
+    EXPECT_FALSE(velk_logger::willLog(vlk::errors::E000005));  // developer: no target takes it
     logRow(infoRow, "a");
     logRow(warningRow, "b");
-    logRow(criticalRow, "c");
     deliver();
-
-    auto values = [](const capture_target& target) {
-        std::string text;
-        for (const auto& line : target.lines()) {
-            text += line.text.end()[-2];  // the value, before the line feed
-        }
-        return text;
-    };
-    EXPECT_EQ(values(warnings), "ab");  // included info, warning; critical excluded
-    EXPECT_EQ(values(everything), "abc");
-    EXPECT_EQ(values(included), "");
+    const auto all = everything.lines();
+    ASSERT_EQ(all.size(), 2U);
+    EXPECT_EQ(warnings.lines(), std::vector{all[1]});
 }
 
 // Before start no thread takes the posts, so they can be counted. Once the
@@ -205,9 +194,9 @@ TEST_F(Logger, QueueLimitDropsPastTheLimitAndSaysHowManyBeforeTheNextRecord) {
         ASSERT_EQ(lines.size(), r.kept + notices + 1) << "limit " << r.limitRecords;
         const std::string notice =
             " logger: " + std::to_string(r.logged - r.kept) + " records dropped at the queue";
-        EXPECT_EQ(lines[0].text.find(notice) != std::string::npos, notices == 1)
-            << "limit " << r.limitRecords << ": " << lines[0].text;
-        EXPECT_NE(lines.back().text.find("after"), std::string::npos) << lines.back().text;
+        EXPECT_EQ(lines[0].find(notice) != std::string::npos, notices == 1)
+            << "limit " << r.limitRecords << ": " << lines[0];
+        EXPECT_NE(lines.back().find("after"), std::string::npos) << lines.back();
         TearDown();
         SetUp();
     }
@@ -282,14 +271,14 @@ TEST_F(Logger, StressEveryRecordArrivesOnceAndInOrderPerThread) {
     std::vector<int> next(threads, 0);
     std::size_t enlisted = 0;
     for (const auto& line : target.lines()) {
-        if (line.id == vlk::errors::E000027) {
+        if (line.find(" 00-0027 ") != std::string::npos) {  // a thread enlisted
             ++enlisted;
             continue;
         }
-        const std::size_t at = line.text.find(prefix);
-        ASSERT_NE(at, std::string::npos) << line.text;
+        const std::size_t at = line.find(prefix);
+        ASSERT_NE(at, std::string::npos) << line;
         int producer = -1, sequence = -1;
-        std::istringstream(line.text.substr(at + prefix.size())) >> producer >> sequence;
+        std::istringstream(line.substr(at + prefix.size())) >> producer >> sequence;
         ASSERT_EQ(sequence, next.at(producer)++) << "producer " << producer;
     }
     EXPECT_EQ(enlisted, static_cast<std::size_t>(threads));
@@ -320,7 +309,7 @@ TEST_F(Logger, BacktraceSectionNamesTheCallersDemangled) {
     deliver();
     const auto lines = target.lines();
     ASSERT_EQ(lines.size(), 1U);
-    const std::string& text = lines[0].text;
+    const std::string& text = lines[0];
     const std::size_t section = text.find(errorRow.fragments[0] + "traced\nBACKTRACE:\n");
     ASSERT_NE(section, std::string::npos) << text;
     EXPECT_NE(text.find("\nvlk_test::outerBacktraceMarker()\n"), std::string::npos) << text;
