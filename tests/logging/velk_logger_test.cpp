@@ -286,43 +286,12 @@ TEST_F(Logger, StressEveryRecordArrivesOnceAndInOrderPerThread) {
     velk_logger::reap();
 }
 
-}  // namespace
-
-// Frames of their own in the backtrace: external names, since the test is
-// linked with its symbols exported and only those can be named.
-namespace vlk_test {
-__attribute__((noinline)) void backtraceMarker() {
-    velk_logger::logWithBacktrace(stream2(errorRow, errorRow.fragments[0], "traced"));
-}
-__attribute__((noinline)) void outerBacktraceMarker() {
-    backtraceMarker();
-    asm volatile("");  // keeps the call from becoming a jump
-}
-}  // namespace vlk_test
-
-namespace {
-
-TEST_F(Logger, BacktraceSectionNamesTheCallersDemangled) {
-    capture_target& target = addCaptureTarget({{"Level", {"error"}}});
-    ASSERT_TRUE(velk_logger::start());
-    vlk_test::outerBacktraceMarker();
-    deliver();
-    const auto lines = target.lines();
-    ASSERT_EQ(lines.size(), 1U);
-    const std::string& text = lines[0];
-    const std::size_t section = text.find(errorRow.fragments[0] + "traced\nBACKTRACE:\n");
-    ASSERT_NE(section, std::string::npos) << text;
-    EXPECT_NE(text.find("\nvlk_test::outerBacktraceMarker()\n"), std::string::npos) << text;
-    const auto frameLines = std::count(text.begin() + static_cast<long>(section), text.end(), '\n');
-    EXPECT_LE(frameLines, 2 + 28);
-}
-
 // Each row ends the process after its record went out: with 255, or with
 // abort() as VELK_ABORT says, the record with a backtrace for any leading
-// part of "backtrace"; a row declared fatal, also when that covers the fatal
-// record itself (".") and on two threads at once (no recursion, no fault,
-// and the other thread's row may follow); a mapping that keeps failing, once
-// the logger has taken over the bottom layer's reports.
+// part of "backtrace", whose frames are named demangled; a row declared fatal, also when that
+// covers the fatal record itself (".") and on two threads at once (no recursion, no fault, and the
+// other thread's row may follow); a mapping that keeps failing, once the logger has taken over the
+// bottom layer's reports.
 TEST_F(Logger, FatalPathsEndTheProcessAfterTheirRecord) {
     const std::string exiting =
         "emergency: 00-0041 VELK encountered a fatal condition and is exiting: ";
@@ -342,7 +311,7 @@ TEST_F(Logger, FatalPathsEndTheProcessAfterTheirRecord) {
         std::string output;
     } rows[] = {
         {nullptr, "", boom, 0, exiting + "boom\\.\n$"},
-        {"", "", boom, 0, "boom\\.\nBACKTRACE:\n"},
+        {"", "", boom, 0, "boom\\.\nBACKTRACE:\n.*\nvlk::system::abort\\("},
         {"back", "", boom, 0, "boom\\.\nBACKTRACE:\n"},
         {"backtraces", "", boom, SIGABRT, exiting + "boom\\.\n$"},
         {nullptr, "00-0002", lastWordsOn(0), 0, lastWords + "$"},
@@ -372,11 +341,14 @@ TEST_F(Logger, FatalPathsEndTheProcessAfterTheirRecord) {
     ::unsetenv("VELK_ABORT");
 }
 
-// init() takes the bottom layer's fatal reports over; terminate() gives
-// them back.
-TEST(LoggerWithoutInit, InitTakesOverTheFatalReportsAndTerminateGivesThemBack) {
-    const auto defaults = vlk::system::defaultFatalReporters();
-    auto taken = [&defaults] {
+// Without init() streams do nothing; init() takes the bottom layer's fatal
+// reports over (whose own text is the bottom layer's test), terminate()
+// gives them back.
+TEST(LoggerWithoutInit, StreamsDoNothingAndInitHoldsTheFatalReportsUntilTerminate) {
+    EXPECT_FALSE(velk_logger::willLog(errorRow));
+    EXPECT_EQ(velk_logger::threadLogId(), 0U);
+    logRow(errorRow, "nowhere");  // returns at once
+    auto taken = [defaults = vlk::system::defaultFatalReporters()] {
         const auto now = vlk::system::fatalReporters();
         return std::array{now.abort != defaults.abort,
                           now.mappingFailure != defaults.mappingFailure,
@@ -389,14 +361,6 @@ TEST(LoggerWithoutInit, InitTakesOverTheFatalReportsAndTerminateGivesThemBack) {
     EXPECT_EQ(taken(), all);
     velk_logger::terminate();
     EXPECT_EQ(taken(), none);
-}
-
-TEST(LoggerWithoutInit, StreamsDoNothingAndAbortWritesToStandardError) {
-    EXPECT_FALSE(velk_logger::willLog(errorRow));
-    EXPECT_EQ(velk_logger::threadLogId(), 0U);
-    logRow(errorRow, "nowhere");  // returns at once
-    EXPECT_EXIT(vlk::system::abort("early"), testing::ExitedWithCode(255),
-                "^VELK encountered a fatal condition and is exiting: early\\.\n$");
 }
 
 }  // namespace
