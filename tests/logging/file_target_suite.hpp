@@ -36,28 +36,13 @@ class scratch_directory : public testing::Test {
     }
     void TearDown() override {
         fs::current_path(_previous);
+        ::umount2((_root + "/mnt").c_str(), MNT_DETACH);  // where a test mounted a small disk
         std::error_code ignored;
         fs::remove_all(_root, ignored);
     }
 
     const fs::path _previous = fs::current_path();
     std::string _root;
-};
-
-// A tmpfs of `size` mounted at `path` (made here) for as long as this
-// lives, for a real full disk; `mounted` is false where no mount is allowed.
-struct small_tmpfs {
-    small_tmpfs(const std::string& path, const char* size) : path(path) {
-        fs::create_directory(path);
-        mounted = ::mount("tmpfs", path.c_str(), "tmpfs", 0, size) == 0;
-    }
-    ~small_tmpfs() {
-        if (mounted) {
-            ::umount2(path.c_str(), MNT_DETACH);
-        }
-    }
-    std::string path;
-    bool mounted = false;
 };
 
 // A target made by `factory` at level info, with its implementation at hand.
@@ -135,14 +120,16 @@ TYPED_TEST_P(FileTarget, AFailedOpenLeavesTheOldFileInUseAndIsTriedAgainASecondL
     EXPECT_EQ(TypeParam::read("n-00002" + extension), "ten\n");
 }
 
-// Moves the last look at free space back instead of waiting for the clock.
+// A real full disk, a small tmpfs; moves the last look at free space back
+// instead of waiting for the clock.
 TYPED_TEST_P(FileTarget, AFullDiskDropsLinesUntilThereIsRoomAndThenSaysHowMany) {
-    const vlk_test::small_tmpfs disk(this->_root + "/mnt", "size=64k");
-    if (!disk.mounted) {
+    const std::string disk = this->_root + "/mnt";
+    std::filesystem::create_directory(disk);
+    if (::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=64k") != 0) {
         GTEST_SKIP() << "cannot mount a tmpfs here";
     }
-    vlk_test::writeFile(disk.path + "/filler", std::string(60 * 1024, 'f'));  // a page is left
-    const std::string path = disk.path + "/a" + TypeParam::extension;
+    vlk_test::writeFile(disk + "/filler", std::string(60 * 1024, 'f'));  // a page is left
+    const std::string path = disk + "/a" + TypeParam::extension;
     const auto file = TypeParam::made::make({{"FileName", {path}}});
     ASSERT_TRUE(file.target->init());
     const std::string all =
@@ -152,7 +139,7 @@ TYPED_TEST_P(FileTarget, AFullDiskDropsLinesUntilThereIsRoomAndThenSaysHowMany) 
     file.log("dropped\n");
     EXPECT_GE(file.impl()._lastSpaceCheck, vlk_test::coarseSeconds() - 1);
 
-    std::filesystem::remove(disk.path + "/filler");
+    std::filesystem::remove(disk + "/filler");
     // Starting just after a clock second keeps this within that second.
     for (const std::int64_t start = vlk_test::coarseSeconds();
          vlk_test::coarseSeconds() == start;) {

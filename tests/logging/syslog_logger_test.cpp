@@ -40,12 +40,6 @@ using namespace std::chrono_literals;
 using vlk::error_id;
 using vlk::target_config;
 
-vlk::syslog_logging_info infoOf(vlk::velk_logger::logger& target) {
-    vlk::syslog_logging_info info;
-    EXPECT_TRUE(target.getSyslogLoggerInfo(info));
-    return info;
-}
-
 class SyslogLogger : public ::testing::Test {
   protected:
     static void SetUpTestSuite() { vlk::error_manager::init(); }
@@ -64,10 +58,10 @@ TEST_F(SyslogLogger, NamesMatchExactlyAndUnknownOnesFallBackSilently) {
     };
     for (const auto& r : rows) {
         target_config config{{"Options", {r.options}}, {"Facility", {r.facility}}};
-        auto target = vlk::syslog_logger::factory(config);
-        const auto info = infoOf(*target.get());
-        EXPECT_EQ(info.options, r.wantOptions) << '"' << r.options << '"';
-        EXPECT_EQ(info.facility, r.wantFacility) << '"' << r.facility << '"';
+        vlk::syslog_logging_info info;
+        ASSERT_TRUE(vlk::syslog_logger::factory(config)->getSyslogLoggerInfo(info));
+        EXPECT_EQ(std::pair(info.options, info.facility), std::pair(r.wantOptions, r.wantFacility))
+            << '"' << r.options << "\" / \"" << r.facility << '"';
     }
 }
 
@@ -81,7 +75,9 @@ TEST_F(SyslogLogger, CountsOnlyAcceptedLinesWhoseLevelByteIsNotOneLevel) {
     target->rotate();
     target->flush();
     target->log(error_id{0xFF, 0x01, 3}, "0123456", 7);
-    EXPECT_EQ(infoOf(*target.get()).bytesWritten, 12u);
+    vlk::syslog_logging_info info;
+    ASSERT_TRUE(target->getSyslogLoggerInfo(info));
+    EXPECT_EQ(info.bytesWritten, 12u);
 }
 
 // rsyslogd in a directory of its own (under /tmp, not TMPDIR: a socket path

@@ -63,6 +63,8 @@ TEST_F(Target, ExclusionBeatsLevelAndInclusion) {
 }
 
 // Each row: a configuration, and the one problem found in it (empty: none).
+// The demo program's test finds a bad size, an unknown key and a pattern
+// that does not compile by their keys.
 TEST_F(Target, CheckTargetConfigNamesEveryProblemByItsKey) {
     const struct {
         target_config config;
@@ -70,17 +72,11 @@ TEST_F(Target, CheckTargetConfigNamesEveryProblemByItsKey) {
     } rows[] = {
         {{{"Protocol", {"file"}}, {"Level", {"info"}}, {"RotationThreshold", {"5M"}}}, ""},
         {{{"Protocol", {"syslog"}}, {"Options", {"LOG_PID,LOG_CONS"}}}, ""},
-        {{{"Protocol", {"gzip"}}, {"RotationThreshold", {"5XB"}}},
-         "\"RotationThreshold\": \"5XB\" is not a size"},
         {{{"Protocol", {"stdout"}}, {"Level", {"loud"}}},
          "\"Level\": \"loud\" is not a level name (none, developer, trace, stats, info, warning, "
          "error, critical, emergency); it is read as no level at all"},
         {{{"Protocol", {"stdout"}}, {"Levels", {"info,errant"}}}, "it is read as \"error\""},
-        {{{"Protocol", {"stderr"}}, {"Levle", {"info"}}},
-         "\"Levle\" is not a key of the \"stderr\" target; it is ignored"},
         {{{"Protocol", {"file"}}, {"Ident", {"x"}}}, "\"Ident\" is not a key of the \"file\""},
-        {{{"Protocol", {"stdout"}}, {"FatalErrors", {"00-0041,0[1"}}},
-         "\"FatalErrors\": the pattern \"0[1\" does not compile; it is ignored"},
         {{{"Protocol", {"stdout"}}, {"IncludeErrors", {"ZZ"}}}, "\"ZZ\" names no row"},
         {{{"Protocol", {"ftp"}}}, "\"Protocol\": \"ftp\" is offered by no target factory"},
         {{{"Level", {"info"}}}, "\"Protocol\" is missing or empty"},
@@ -89,11 +85,9 @@ TEST_F(Target, CheckTargetConfigNamesEveryProblemByItsKey) {
     };
     for (const auto& row : rows) {
         const std::vector<std::string> problems = velk_logger::checkTargetConfig(row.config);
-        if (*row.problem == '\0') {
-            EXPECT_TRUE(problems.empty()) << problems.front();
-        } else {
-            ASSERT_EQ(problems.size(), 1u) << row.problem;
-            EXPECT_NE(problems[0].find(row.problem), std::string::npos) << problems[0];
+        ASSERT_EQ(problems.size(), *row.problem == '\0' ? 0u : 1u) << row.problem;
+        for (const std::string& problem : problems) {
+            EXPECT_NE(problem.find(row.problem), std::string::npos) << problem;
         }
     }
 }

@@ -175,11 +175,11 @@ TEST_F(Logger, The128thMessageWakesTheSleepingThreadAndTheTickBringsTheRest) {
 TEST_F(Logger, QueueLimitDropsPastTheLimitAndSaysHowManyBeforeTheNextRecord) {
     const std::uint64_t perRecord = vlk::log_stream_allocator::blockSize(128) +
                                     sizeof(vlk::_velk_logger_detail::fast_log_message);
-    struct row {
+    const struct {
         std::uint64_t limitRecords;  // 0: no limit
         std::size_t logged, kept;
-    };
-    for (const row& r : {row{0, 300, 300}, row{10, 25, 10}, row{1, 3, 1}}) {
+    } rows[] = {{0, 300, 300}, {10, 25, 10}, {1, 3, 1}};
+    for (const auto& r : rows) {
         velk_logger::setQueueLimit(r.limitRecords * perRecord);
         for (std::size_t i = 0; i < r.logged; ++i) {
             velk_logger::log(infoRow, "queued");
@@ -196,7 +196,6 @@ TEST_F(Logger, QueueLimitDropsPastTheLimitAndSaysHowManyBeforeTheNextRecord) {
             " logger: " + std::to_string(r.logged - r.kept) + " records dropped at the queue";
         EXPECT_EQ(lines[0].find(notice) != std::string::npos, notices == 1)
             << "limit " << r.limitRecords << ": " << lines[0];
-        EXPECT_NE(lines.back().find("after"), std::string::npos) << lines.back();
         TearDown();
         SetUp();
     }
