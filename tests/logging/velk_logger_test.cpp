@@ -119,10 +119,9 @@ TEST_F(Logger, FilterDecidesBeforeFormattingAndEachTargetFiltersForItself) {
     EXPECT_EQ(warnings.lines(), std::vector{all[1]});
 }
 
-// Before start no thread takes the posts, so they can be counted. Once the
-// thread sleeps with no post pending, only the 128th message's post or the
-// tick can wake it: it must wake without a tick (a tick that falls due
-// within one try fails that try only). A lone message waits for the tick.
+// Once the thread sleeps with no post pending, only the 128th message's post
+// or the tick can wake it: it must wake without a tick (a tick that falls
+// due within one try fails that try only). A lone message waits for the tick.
 TEST_F(Logger, The128thMessageWakesTheSleepingThreadAndTheTickBringsTheRest) {
     auto& impl = *velk_logger::_implementation();
     auto posts = [&] {
@@ -130,18 +129,9 @@ TEST_F(Logger, The128thMessageWakesTheSleepingThreadAndTheTickBringsTheRest) {
         ::sem_getvalue(&impl._wakeup, &value);
         return value;
     };
-    for (int i = 0; i < 127; ++i) {
-        velk_logger::log(infoRow, "early");
-    }
-    EXPECT_EQ(posts(), 0);
-    velk_logger::log(infoRow, "128th");
-    EXPECT_EQ(posts(), 1);
-
     capture_target& target = addCaptureTarget({{"Level", {"info"}}});
     ASSERT_TRUE(velk_logger::start());
     ASSERT_TRUE(velk_logger::start());  // a second start starts no second thread
-    deliver();
-    EXPECT_EQ(target.lines().size(), 128U);  // queued before start, delivered by the first passes
 
     // Logs one message; true once it has arrived, within 10 s.
     auto logAndWait = [&target](const char* text) {
