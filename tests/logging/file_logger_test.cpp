@@ -65,12 +65,7 @@ TEST_F(FileLogger, SameNameIsAppendedToAtInitAndEmptiedByRotation) {
     vlk_test::writeFile("a.log", std::string(1001, 'o'));
     made sized = make({{"RotationThreshold", {"1000"}}, {"FileName", {"a.log"}}});
     ASSERT_TRUE(sized.target->init());
-    for (int i = 0; i < 11; ++i) {
-        sized.log(record);  // the first starts the file over, past 1000 already
-    }
-    sized.target->flush();
-    EXPECT_EQ(fs::file_size("a.log"), 1100u);
-    sized.log(record);
+    sized.log(record);  // past 1000 already: the file is started over
     sized.target->flush();
     EXPECT_EQ(readFile("a.log"), record);
     sized.target->rotate();  // on request, whatever the size

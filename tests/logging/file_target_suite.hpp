@@ -9,6 +9,7 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
@@ -16,6 +17,7 @@
 #include <iterator>
 #include <random>
 #include <string>
+#include <vector>
 
 #include <vlk/catalogue/error_manager.hpp>
 #include <vlk/catalogue/errors.hpp>
@@ -120,6 +122,33 @@ TYPED_TEST_P(FileTarget, AFailedOpenLeavesTheOldFileInUseAndIsTriedAgainASecondL
     EXPECT_EQ(TypeParam::read("n-00002" + extension), "ten\n");
 }
 
+// 3800 bytes are 100 plain lines: the plain file rotates past the threshold,
+// not at it.
+TYPED_TEST_P(FileTarget, EveryRecordComesBackAcrossSizeRotations) {
+    const std::string pattern = std::string("g-%n") + TypeParam::extension;
+    const auto file =
+        TypeParam::made::make({{"RotationThreshold", {"3800"}}, {"FileName", {pattern}}});
+    ASSERT_TRUE(file.target->init());
+    const std::string all = vlk_test::logNoise(file, [](int i) { return i < 1200; });
+    file.target->rotate();
+    EXPECT_EQ(file.impl()._bytesWritten, 0u);
+    file.target->shutdown();
+
+    std::vector<std::filesystem::path> names(std::filesystem::directory_iterator("."), {});
+    std::sort(names.begin(), names.end());  // the count's digits sort them in order
+    ASSERT_GE(names.size(), 4u);
+    std::string back;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        back += TypeParam::read(names[i]);
+        if (i + 2 < names.size()) {  // all but the one in use and the one opened on request
+            EXPECT_GT(std::filesystem::file_size(names[i]), 3800u) << names[i];
+            EXPECT_LT(std::filesystem::file_size(names[i]), 3800u + 1024u)
+                << names[i];  // one pass more
+        }
+    }
+    EXPECT_EQ(back, all);
+}
+
 // A real full disk, a small tmpfs; moves the last look at free space back
 // instead of waiting for the clock.
 TYPED_TEST_P(FileTarget, AFullDiskDropsLinesUntilThereIsRoomAndThenSaysHowMany) {
@@ -164,5 +193,6 @@ TYPED_TEST_P(FileTarget, AFullDiskDropsLinesUntilThereIsRoomAndThenSaysHowMany) 
                                             " could not be written\nresumed\n");
 }
 
-REGISTER_TYPED_TEST_SUITE_P(FileTarget, AFailedOpenLeavesTheOldFileInUseAndIsTriedAgainASecondLater,
+REGISTER_TYPED_TEST_SUITE_P(FileTarget, EveryRecordComesBackAcrossSizeRotations,
+                            AFailedOpenLeavesTheOldFileInUseAndIsTriedAgainASecondLater,
                             AFullDiskDropsLinesUntilThereIsRoomAndThenSaysHowMany);
