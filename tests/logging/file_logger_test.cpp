@@ -22,8 +22,6 @@ struct file_kind {
 };
 INSTANTIATE_TYPED_TEST_SUITE_P(FileLogger, FileTarget, file_kind);
 
-const std::string record = std::string(99, 'r') + "\n";
-
 TEST_F(FileLogger, CountInNameFollowsTheThresholdAndWidensPastFiveDigits) {
     for (const char* threshold : {"", "lots", "2k"}) {  // "%n" only with a threshold
         made file = make({{"RotationThreshold", {threshold}}});
@@ -55,7 +53,6 @@ TEST_F(FileLogger, SameNameIsAppendedToAtInitAndEmptiedByRotation) {
     vlk_test::writeFile("a.log", "whole\ncut");
     made file = make({{"FileName", {"a.log"}}, {"ExcludeErrors", {"00-0001"}}});
     ASSERT_TRUE(file.target->init());
-    EXPECT_EQ(file.impl()._bytesWritten, 9u);  // the size it had
     file.log("excluded\n");
     file.target->log(vlk::errors::E000046, "kept\n", 5);
     file.target->log(vlk::errors::E000046, "after\n", 6);
@@ -65,9 +62,9 @@ TEST_F(FileLogger, SameNameIsAppendedToAtInitAndEmptiedByRotation) {
     vlk_test::writeFile("a.log", std::string(1001, 'o'));
     made sized = make({{"RotationThreshold", {"1000"}}, {"FileName", {"a.log"}}});
     ASSERT_TRUE(sized.target->init());
-    sized.log(record);  // past 1000 already: the file is started over
+    sized.log("record\n");  // counted with its 1001 bytes, past 1000: the file is started over
     sized.target->flush();
-    EXPECT_EQ(readFile("a.log"), record);
+    EXPECT_EQ(readFile("a.log"), "record\n");
     sized.target->rotate();  // on request, whatever the size
     EXPECT_EQ(fs::file_size("a.log"), 0u);
     sized.target->shutdown();

@@ -131,13 +131,11 @@ TEST(IsoTimestamp, FormsMatchTheCLibraryInEveryZone) {
 TEST(IsoTimestamp, SpecialValuesSizesAndRangeLimits) {
     const instant t{civil(2026, 1, 2), 999};
     EXPECT_EQ(actual(basic, t, 22), "");
-    EXPECT_EQ(actual(sending, t), "20260102-00:00:00.000");
     for (long value : {0L, -1L, -2L, -valueOf(t)}) {
         char out[24];
         EXPECT_EQ(iso_timestamp::serializeSendingTime(out, 23, value), 0u) << value;
         EXPECT_EQ(iso_timestamp::asString(value), value == -1 ? "0" : "") << value;
     }
-    EXPECT_EQ(iso_timestamp::asString(210866803200000000L), "19700101T000000.000000Z");
     EXPECT_EQ(actual(basic, {civil(2038, 1, 19, 3, 14, 8), 0}), "");  // past 32 bits
     const scoped_zone zone("Asia/Kolkata");
     EXPECT_EQ(actual(local, {civil(2099, 12, 31, 18, 30), 0}), "");  // 2100 there
