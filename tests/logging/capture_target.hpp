@@ -1,4 +1,4 @@
-// A log target of the tests' own: it keeps the text of every line its filter accepts,
+// A log target of the tests' own: it keeps every line its filter accepts,
 // counts the logger's calls, and can be slowed down to hold up the logging
 // thread. The factory keeps a reference to every target it makes, so a test
 // can read one after the logger has released it.
@@ -18,22 +18,25 @@ namespace vlk_test {
 
 class capture_target : public vlk::velk_logger::logger {
   public:
+    struct line {
+        vlk::error_id id;
+        std::string text;
+    };
+
     bool init() override { return true; }
     void shutdown() override { shutdowns.fetch_add(1); }
     void log(const vlk::error_id& id, const char* text, unsigned long length) override {
         if (!_accepts(id)) {
             return;
         }
-        if (int delay = delayMicroseconds.load(); delay > 0) {
-            std::this_thread::sleep_for(std::chrono::microseconds(delay));
-        }
+        std::this_thread::sleep_for(std::chrono::microseconds(delayMicroseconds.load()));
         std::lock_guard guard(_mutex);
-        _lines.emplace_back(text, length);
+        _lines.push_back({id, std::string(text, length)});
     }
     void rotate() override { rotations.fetch_add(1); }
     void flush() override { flushes.fetch_add(1); }
 
-    std::vector<std::string> lines() const {
+    std::vector<line> lines() const {
         std::lock_guard guard(_mutex);
         return _lines;
     }
@@ -45,7 +48,7 @@ class capture_target : public vlk::velk_logger::logger {
 
   private:
     mutable std::mutex _mutex;
-    std::vector<std::string> _lines;
+    std::vector<line> _lines;
 };
 
 inline std::vector<vlk::base::shared_pointer<vlk::velk_logger::logger>>& madeTargets() {
