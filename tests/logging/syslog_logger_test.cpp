@@ -39,12 +39,7 @@ using namespace std::chrono_literals;
 using vlk::error_id;
 using vlk::target_config;
 
-class SyslogLogger : public ::testing::Test {
-  protected:
-    static void SetUpTestSuite() { vlk::error_manager::init(); }
-};
-
-TEST_F(SyslogLogger, NamesMatchExactlyAndUnknownOnesFallBackSilently) {
+TEST(SyslogLogger, NamesMatchExactlyAndUnknownOnesFallBackSilently) {
     const struct {
         const char *options, *facility;
         std::uint32_t wantOptions, wantFacility;
@@ -64,7 +59,8 @@ TEST_F(SyslogLogger, NamesMatchExactlyAndUnknownOnesFallBackSilently) {
     }
 }
 
-TEST_F(SyslogLogger, CountsOnlyAcceptedLinesWhoseLevelByteIsNotOneLevel) {
+TEST(SyslogLogger, CountsOnlyAcceptedLinesWhoseLevelByteIsNotOneLevel) {
+    vlk::error_manager::init();
     // Such lines are dropped before syslog(), so this test sends nothing.
     target_config config{{"Level", {"info"}}, {"ExcludeErrors", {"01-0002"}}};
     auto target = vlk::syslog_logger::factory(config);
@@ -222,7 +218,8 @@ int logThroughTwoTargets() {
 
 // "priority|facility|severity|tag|message" for a child's lines: the daemon
 // drops a trailing line feed and keeps the blank behind the tag's colon.
-TEST_F(SyslogLogger, ADaemonReceivesPriorityFacilityIdentityAndTextAsLogged) {
+TEST(SyslogLogger, ADaemonReceivesPriorityFacilityIdentityAndTextAsLogged) {
+    vlk::error_manager::init();
     private_daemon daemon;
     ASSERT_EQ(daemon.start(), "");
     const pid_t child = fork();

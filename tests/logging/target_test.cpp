@@ -17,13 +17,8 @@ std::uint32_t levelsOf(target_config config) {
     return target._levels;
 }
 
-class Target : public ::testing::Test {
-  protected:
-    static void SetUpTestSuite() { vlk::error_manager::init(); }
-};
-
 // "errant" is read by its first letters, "debug" is info.
-TEST_F(Target, LevelTakesTheMoreSevereOnesAndLevelsAddsSingleOnes) {
+TEST(Target, LevelTakesTheMoreSevereOnesAndLevelsAddsSingleOnes) {
     const struct {
         const char *level, *levels;
         std::uint32_t mask;
@@ -40,7 +35,8 @@ TEST_F(Target, LevelTakesTheMoreSevereOnesAndLevelsAddsSingleOnes) {
 
 // An excluded row is dropped even when named both ways; a pattern brings
 // rows below the level through; one target's exclusion is its own.
-TEST_F(Target, ExclusionBeatsLevelAndInclusion) {
+TEST(Target, ExclusionBeatsLevelAndInclusion) {
+    vlk::error_manager::init();
     const target_config both{{"Level", {"info"}},
                              {"IncludeErrors", {"00-0046"}},
                              {"ExcludeErrors", {"00-0046,00-0001"}}};
@@ -65,7 +61,8 @@ TEST_F(Target, ExclusionBeatsLevelAndInclusion) {
 // Each row: a configuration, and the one problem found in it (empty: none).
 // The demo program's test finds a bad size, an unknown key and a pattern
 // that does not compile by their keys.
-TEST_F(Target, CheckTargetConfigNamesEveryProblemByItsKey) {
+TEST(Target, CheckTargetConfigNamesEveryProblemByItsKey) {
+    vlk::error_manager::init();
     const struct {
         target_config config;
         const char* problem;
