@@ -177,6 +177,9 @@ class hash_table {
         }
 
         void markUsed(std::uint64_t index) { used[index / 64] |= std::uint64_t{1} << (index % 64); }
+        bool isUsed(std::uint64_t index) const {
+            return (used[index / 64] & (std::uint64_t{1} << (index % 64))) != 0;
+        }
     };
     static_assert(sizeof(table_data) <= 64);
 
@@ -293,10 +296,14 @@ class hash_table {
         const std::uint64_t hash = Layout::hashKey(key);
         for (;;) {
             bucket& b = _bucketOf(_table, hash);
-            if (entry* found = _find(b, key, hash)) {
+            // A bucket that never took an entry is not read: its page may
+            // still be untouched, and reading it first would cost a second
+            // fault when the entry is written.
+            const bool used = _table->isUsed(hash & _table->mask);
+            if (entry* found = used ? _find(b, key, hash) : nullptr) {
                 return {found, false};
             }
-            const unsigned count = b.count();
+            const unsigned count = used ? b.count() : 0;
             if (count < slots) {
                 entry* e = Layout::construct(b.storage[count], key, std::forward<Args>(args)...);
                 _keepHash(b.kept, count, hash);
@@ -472,11 +479,15 @@ class hash_table {
         table->used = reinterpret_cast<std::uint64_t*>(table->segments + segmentCount);
         for (std::uint64_t i = 0; i < segmentCount; ++i) {
             segment& seg = table->segments[i];
-            // Node 0 ends the free list and the last node heads it.
+            // Node 0 ends the free list and the last node heads it. The
+            // links are only written, never read back from the zeroed
+            // block, so each page of the pool faults once, for writing.
+            node* head = nullptr;
             for (node& n : seg.nodes) {
-                n.next = seg.free;
-                seg.free = &n;
+                n.next = head;
+                head = &n;
             }
+            seg.free = head;
         }
         return table;
     }
@@ -491,7 +502,7 @@ class hash_table {
     // else a node at the head of the chain. The version does not move.
     static void _rehashEntry(table_data* table, std::uint64_t hash, entry&& e) {
         bucket& b = _bucketOf(table, hash);
-        const unsigned count = b.count();
+        const unsigned count = table->isUsed(hash & table->mask) ? b.count() : 0;
         if (count < slots) {
             new (b.storage[count]) entry(std::move(e));
             _keepHash(b.kept, count, hash);
