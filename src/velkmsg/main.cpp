@@ -11,6 +11,8 @@
 #include <vlk/logging/velk_logger.hpp>
 #include <vlk/regex/regex_manager.hpp>
 
+#include "startup_heap.hpp"
+
 namespace {
 
 // The catalogue's first table is a mapped block and is unmapped when the
@@ -42,6 +44,7 @@ void printUsage(const char* program) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    velkmsg::endStartupHeap();
     if (argc != 2) {
         printUsage(argc > 0 && argv[0] != nullptr ? argv[0] : "");
         std::exit(1);
