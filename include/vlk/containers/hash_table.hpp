@@ -158,27 +158,51 @@ class hash_table {
         // over the table (iteration, growth, teardown) follow it instead of
         // reading every bucket, so pages of empty buckets are never touched.
         std::uint64_t* used;
+        // One bit per segment, set while the segment's free list is not
+        // empty. The node search reads it instead of the segments' heads: a
+        // search that passes many used-up segments is a scan of one word.
+        std::uint64_t* free_segments;
 
         // The first used bucket at or after `from`, or `bucket_count`.
         std::uint64_t nextUsed(std::uint64_t from) const {
-            const std::uint64_t words = (bucket_count + 63) / 64;
-            std::uint64_t word = from / 64;
-            if (word >= words) {
-                return bucket_count;
-            }
-            std::uint64_t bits = used[word] & (~std::uint64_t{0} << (from % 64));
-            while (bits == 0) {
-                if (++word == words) {
-                    return bucket_count;
-                }
-                bits = used[word];
-            }
-            return word * 64 + static_cast<std::uint64_t>(std::countr_zero(bits));
+            return nextSet(used, bucket_count, from);
         }
 
         void markUsed(std::uint64_t index) { used[index / 64] |= std::uint64_t{1} << (index % 64); }
         bool isUsed(std::uint64_t index) const {
             return (used[index / 64] & (std::uint64_t{1} << (index % 64))) != 0;
+        }
+
+        // The first segment with a free node in the order the node search
+        // tries them: `from`, `from` + 1, ... wrapping around; or
+        // `segment_count` when every segment is used up.
+        std::uint64_t nextWithFreeNode(std::uint64_t from) const {
+            const std::uint64_t found = nextSet(free_segments, segment_count, from);
+            if (found != segment_count || from == 0) {
+                return found;
+            }
+            const std::uint64_t wrapped = nextSet(free_segments, from, 0);
+            return wrapped < from ? wrapped : segment_count;
+        }
+
+        // The first set bit at or after `from` of the `count` bits at `bits`,
+        // or `count`.
+        static std::uint64_t nextSet(const std::uint64_t* bits, std::uint64_t count,
+                                     std::uint64_t from) {
+            const std::uint64_t words = (count + 63) / 64;
+            std::uint64_t word = from / 64;
+            if (word >= words) {
+                return count;
+            }
+            std::uint64_t pending = bits[word] & (~std::uint64_t{0} << (from % 64));
+            while (pending == 0) {
+                if (++word == words) {
+                    return count;
+                }
+                pending = bits[word];
+            }
+            return std::min(count,
+                            word * 64 + static_cast<std::uint64_t>(std::countr_zero(pending)));
         }
     };
     static_assert(sizeof(table_data) <= 64);
@@ -438,15 +462,17 @@ class hash_table {
     // Pops a free node from the segment the hash selects or, failing that,
     // from the next segment that has one, wrapping around.
     static node* _takeNode(table_data* table, std::uint64_t hash) {
-        const std::uint64_t last = table->segment_count - 1;
-        for (std::uint64_t i = 0; i < table->segment_count; ++i) {
-            segment& seg = table->segments[(hash + i) & last];
-            if (node* n = seg.free) {
-                seg.free = n->next;
-                return n;
-            }
+        const std::uint64_t index = table->nextWithFreeNode(hash & (table->segment_count - 1));
+        if (index == table->segment_count) {
+            return nullptr;
         }
-        return nullptr;
+        segment& seg = table->segments[index];
+        node* n = seg.free;
+        seg.free = n->next;
+        if (seg.free == nullptr) {
+            table->free_segments[index / 64] &= ~(std::uint64_t{1} << (index % 64));
+        }
+        return n;
     }
 
     static void _pushChain(bucket& b, node* n) {
@@ -458,9 +484,10 @@ class hash_table {
     static table_data* _createTable(std::uint64_t bucketCount) {
         const std::uint64_t segmentCount = segmentCountFor(bucketCount);
         const std::uint64_t usedWords = (bucketCount + 63) / 64;
+        const std::uint64_t freeWords = (segmentCount + 63) / 64;
         const std::uint64_t bytes =
             (64 + bucketCount * sizeof(bucket) + (segmentCount + 1) * sizeof(segment) +
-             usedWords * sizeof(std::uint64_t) + system::pageMask()) &
+             (usedWords + freeWords) * sizeof(std::uint64_t) + system::pageMask()) &
             ~system::pageMask();
         // Zeroed storage: every bucket starts empty. Untouched buckets of a
         // large table stay untouched pages.
@@ -477,6 +504,13 @@ class hash_table {
             (bucketsEnd + sizeof(segment) - 1) / sizeof(segment) * sizeof(segment);
         table->segments = reinterpret_cast<segment*>(poolStart);
         table->used = reinterpret_cast<std::uint64_t*>(table->segments + segmentCount);
+        table->free_segments = table->used + usedWords;
+        // Segment counts are powers of two, so only the last word is partial.
+        for (std::uint64_t i = 0; i < freeWords; ++i) {
+            table->free_segments[i] = segmentCount - i * 64 >= 64
+                                          ? ~std::uint64_t{0}
+                                          : (std::uint64_t{1} << (segmentCount - i * 64)) - 1;
+        }
         for (std::uint64_t i = 0; i < segmentCount; ++i) {
             segment& seg = table->segments[i];
             // Node 0 ends the free list and the last node heads it. The
