@@ -158,8 +158,10 @@ class hash_table {
         // over the table (iteration, growth, teardown) follow it instead of
         // reading every bucket, so pages of empty buckets are never touched.
         std::uint64_t* used;
-        // One bit per segment, set while the segment's free list is not
-        // empty. The node search reads it instead of the segments' heads: a
+        // Two bits per segment, in pairs of words: word 2w holds, for the
+        // segments from 64w on, a bit set while the segment has a free
+        // node; word 2w + 1 a bit set once its free list is linked. The
+        // node search reads the first instead of the segments' heads, so a
         // search that passes many used-up segments is a scan of one word.
         std::uint64_t* free_segments;
 
@@ -177,29 +179,42 @@ class hash_table {
         // tries them: `from`, `from` + 1, ... wrapping around; or
         // `segment_count` when every segment is used up.
         std::uint64_t nextWithFreeNode(std::uint64_t from) const {
-            const std::uint64_t found = nextSet(free_segments, segment_count, from);
+            const std::uint64_t found = nextSet(free_segments, segment_count, from, 2);
             if (found != segment_count || from == 0) {
                 return found;
             }
-            const std::uint64_t wrapped = nextSet(free_segments, from, 0);
+            const std::uint64_t wrapped = nextSet(free_segments, from, 0, 2);
             return wrapped < from ? wrapped : segment_count;
         }
 
-        // The first set bit at or after `from` of the `count` bits at `bits`,
-        // or `count`.
+        std::uint64_t& segmentWord(std::uint64_t index, unsigned which) const {
+            return free_segments[index / 64 * 2 + which];
+        }
+        bool segmentBit(std::uint64_t index, unsigned which) const {
+            return ((segmentWord(index, which) >> (index % 64)) & 1) != 0;
+        }
+        void setSegmentBit(std::uint64_t index, unsigned which, bool value) const {
+            const std::uint64_t bit = std::uint64_t{1} << (index % 64);
+            segmentWord(index, which) =
+                value ? segmentWord(index, which) | bit : segmentWord(index, which) & ~bit;
+        }
+
+        // The first set bit at or after `from` of the `count` bits held in
+        // the words `bits[0]`, `bits[stride]`, `bits[2 * stride]` ..., or
+        // `count`.
         static std::uint64_t nextSet(const std::uint64_t* bits, std::uint64_t count,
-                                     std::uint64_t from) {
+                                     std::uint64_t from, std::uint64_t stride = 1) {
             const std::uint64_t words = (count + 63) / 64;
             std::uint64_t word = from / 64;
             if (word >= words) {
                 return count;
             }
-            std::uint64_t pending = bits[word] & (~std::uint64_t{0} << (from % 64));
+            std::uint64_t pending = bits[word * stride] & (~std::uint64_t{0} << (from % 64));
             while (pending == 0) {
                 if (++word == words) {
                     return count;
                 }
-                pending = bits[word];
+                pending = bits[word * stride];
             }
             return std::min(count,
                             word * 64 + static_cast<std::uint64_t>(std::countr_zero(pending)));
@@ -386,6 +401,9 @@ class hash_table {
             b.overflow = nullptr;
         }
         for (std::uint64_t i = 0; i < table->segment_count; ++i) {
+            if (!table->segmentBit(i, linked)) {
+                continue;  // never taken from: holds no entry
+            }
             segment& seg = table->segments[i];
             for (node* n = seg.free; n != nullptr;) {
                 node* next = n->next;
@@ -467,10 +485,14 @@ class hash_table {
             return nullptr;
         }
         segment& seg = table->segments[index];
+        if (!table->segmentBit(index, linked)) {
+            _linkSegment(seg);
+            table->setSegmentBit(index, linked, true);
+        }
         node* n = seg.free;
         seg.free = n->next;
         if (seg.free == nullptr) {
-            table->free_segments[index / 64] &= ~(std::uint64_t{1} << (index % 64));
+            table->setSegmentBit(index, has_free, false);
         }
         return n;
     }
@@ -492,7 +514,7 @@ class hash_table {
         const std::uint64_t roomBuckets = bucketCount * Constants::growth_factor;
         const std::uint64_t roomSegments = segmentCountFor(roomBuckets);
         const std::uint64_t usedWords = (roomBuckets + 63) / 64;
-        const std::uint64_t freeWords = (roomSegments + 63) / 64;
+        const std::uint64_t freeWords = (roomSegments + 63) / 64 * 2;
         const std::uint64_t bytes =
             (64 + roomBuckets * sizeof(bucket) + (roomSegments + 1) * sizeof(segment) +
              (usedWords + freeWords) * sizeof(std::uint64_t) + system::pageMask()) &
@@ -524,22 +546,32 @@ class hash_table {
     }
 
     // Brings the pool of `table` to `segmentCount` segments, each new one
-    // with all its nodes free.
+    // with all its nodes free. A new segment's free list is linked when the
+    // node search first takes from it (_linkSegment); until then only its
+    // bits say that it has free nodes, and its pages are not touched. A
+    // table that chains few entries, such as a search's result, so leaves
+    // most of its pool unwritten.
     static void _addSegments(table_data* table, std::uint64_t segmentCount) {
         for (std::uint64_t i = table->segment_count; i < segmentCount; ++i) {
-            segment& seg = table->segments[i];
-            // Node 0 ends the free list and the last node heads it. The
-            // links are only written, never read back from the zeroed
-            // block, so each page of the pool faults once, for writing.
-            node* head = nullptr;
-            for (node& n : seg.nodes) {
-                n.next = head;
-                head = &n;
-            }
-            seg.free = head;
-            table->free_segments[i / 64] |= std::uint64_t{1} << (i % 64);
+            table->setSegmentBit(i, has_free, true);
         }
         table->segment_count = segmentCount;
+    }
+
+    // The two bits of a segment (table_data::free_segments).
+    static constexpr unsigned has_free = 0;
+    static constexpr unsigned linked = 1;
+
+    // Links every node of a zeroed segment into its free list. Node 0 ends
+    // the list and the last node heads it, as if each had been pushed in
+    // turn.
+    static void _linkSegment(segment& seg) {
+        node* head = nullptr;
+        for (node& n : seg.nodes) {
+            n.next = head;
+            head = &n;
+        }
+        seg.free = head;
     }
 
     void _install(table_data* table) {
@@ -658,7 +690,7 @@ class hash_table {
         segment& seg = table->segments[index];
         n->next = seg.free;
         seg.free = n;
-        table->free_segments[index / 64] |= std::uint64_t{1} << (index % 64);
+        table->setSegmentBit(index, has_free, true);
     }
 
     void _swap(hash_table& other) noexcept {
