@@ -12,13 +12,14 @@
 // main ends the region first thing, so what the program allocates and frees
 // while it runs (a report per row) is recycled by the C heap as usual. A
 // block from the region is never given back: deleting it does nothing.
-// Before main only one thread runs, so the region needs no lock; after
-// endStartupHeap it is only compared against.
+// Before main only one thread runs, so the bump needs no lock; after
+// endStartupHeap the region is only compared against.
 //
 // Sanitizer builds do not compile this file: their run-times replace
 // `operator new` themselves (src/CMakeLists.txt).
 #include "startup_heap.hpp"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdlib>
 #include <new>
@@ -32,8 +33,10 @@ constexpr std::size_t region_bytes = 512 * 1024;
 constexpr std::size_t step = __STDCPP_DEFAULT_NEW_ALIGNMENT__;
 
 alignas(step) unsigned char g_region[region_bytes];
-constinit std::size_t g_used = 0;
-constinit bool g_open = true;
+constinit std::size_t g_used = 0;  // written only while the region is open
+// Relaxed: it changes once, in main before any thread of the program
+// exists, and thread creation orders that store before every later load.
+constinit std::atomic<bool> g_open{true};
 
 bool inRegion(const void* block) {
     const auto* byte = static_cast<const unsigned char*>(block);
@@ -58,16 +61,17 @@ void* fromCHeap(std::size_t size) {
 namespace velkmsg {
 
 void endStartupHeap() {
-    g_open = false;
+    g_open.store(false, std::memory_order_relaxed);
 }
 
 }  // namespace velkmsg
 
 void* operator new(std::size_t size) {
-    const std::size_t rounded = (size + step - 1) & ~(step - 1);
-    if (g_open && rounded != 0 && rounded <= region_bytes - g_used) {
+    // The room left is a multiple of the step, so a size that fits still
+    // fits once rounded up to it.
+    if (g_open.load(std::memory_order_relaxed) && size != 0 && size <= region_bytes - g_used) {
         void* block = g_region + g_used;
-        g_used += rounded;
+        g_used += (size + step - 1) & ~(step - 1);
         return block;
     }
     return fromCHeap(size);
