@@ -7,7 +7,9 @@
 // head of the bucket's chain. The node comes from the segment chosen by the
 // hash, or the next one with a free node, wrapping around. Only when no
 // segment has a free node does the table grow, to twice the buckets; the
-// load of the table plays no part.
+// load of the table plays no part. A block is laid out with room for one
+// growth, which then happens inside it; the growth after that moves the
+// entries to a new block.
 //
 // Iteration visits buckets upward, each bucket's inline slots upward, then
 // its chain from the head (the newest entry). Growth moves each old bucket's
