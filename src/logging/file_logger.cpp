@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include <vlk/system/convert.hpp>
 #include <vlk/system/directory.hpp>
@@ -171,17 +173,50 @@ bool file_logger_impl::_mayTryOpen() const {
 }
 
 bool file_logger_impl::_write(const char* text, unsigned long length) {
-    errno = 0;
-    const std::size_t written = std::fwrite(text, 1, length, _file);
-    _bytesWritten += written;
-    if (written == length) {
+    if (length > bufferBytes - _buffered && !_writeBuffer()) {
+        return false;
+    }
+    _bytesWritten += length;
+    if (length >= bufferBytes) {
+        // Taken either way: a failure has counted what it lost.
+        _writeOut(text, length);
         return true;
     }
-    if (!_diskFull && std::ferror(_file) && errno == ENOSPC) {
+    std::memcpy(_buffer.get() + _buffered, text, length);
+    _buffered += length;
+    return true;
+}
+
+bool file_logger_impl::_writeBuffer() {
+    const std::size_t length = std::exchange(_buffered, 0);
+    return length == 0 || _writeOut(_buffer.get(), length);
+}
+
+bool file_logger_impl::_writeOut(const char* text, std::size_t length) {
+    const int file = ::fileno(_file);
+    std::size_t done = 0;
+    errno = 0;
+    while (done < length) {
+        const ssize_t wrote = ::write(file, text + done, length - done);
+        if (wrote > 0) {
+            done += static_cast<std::size_t>(wrote);
+        } else if (wrote == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    if (done == length) {
+        return true;
+    }
+    const int error = errno;
+    // Every line ends in a line feed, so the lines lost are those whose line
+    // feed did not go out, the cut one among them.
+    _droppedLines += static_cast<std::uint64_t>(std::count(text + done, text + length, '\n'));
+    _bytesWritten -= length - done;
+    if (!_diskFull && error == ENOSPC) {
         _diskFull = true;
         _lastSpaceCheck = coarseSeconds();
     }
-    // Whatever the cause, the file may now end inside this line.
+    // Whatever the cause, the file may now end inside a line.
     _checkLineEnd = true;
     return false;
 }
@@ -207,9 +242,9 @@ void file_logger_impl::log(const error_id& id, const char* line, unsigned long l
     }
     if (_checkLineEnd) {
         _checkLineEnd = false;
-        // What the stream holds goes out first, so that the file's last
+        // What the buffer holds goes out first, so that the file's last
         // byte is the last byte written.
-        std::fflush(_file);
+        _writeBuffer();
         if (endsInCutLine(_currentFileName) && !_write("\n", 1)) {
             ++_droppedLines;
             return;
@@ -224,7 +259,6 @@ void file_logger_impl::log(const error_id& id, const char* line, unsigned long l
         }
         _droppedLines = 0;
     }
-    // A short write counts what went out, and the line as lost.
     if (!_write(line, length)) {
         ++_droppedLines;
     }
@@ -232,7 +266,7 @@ void file_logger_impl::log(const error_id& id, const char* line, unsigned long l
 
 void file_logger_impl::flush() {
     if (_file != nullptr) {
-        std::fflush(_file);
+        _writeBuffer();
     }
 }
 

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <atomic>
-#include <cctype>
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -59,19 +58,14 @@ inline std::vector<vlk::base::shared_pointer<vlk::velk_logger::logger>>& madeTar
     return targets;
 }
 
-inline vlk::base::shared_pointer<vlk::velk_logger::logger> captureFactory(
-    vlk::target_config& config) {
-    auto* target = new capture_target;
-    target->_commonInit(config);
-    vlk::base::shared_pointer<vlk::velk_logger::logger> held(target);
-    madeTargets().push_back(held);
-    return held;
-}
-
 // Registers the factory under "capture" and adds a target built from
 // `config`; returns it.
 inline capture_target& addCaptureTarget(vlk::target_config config) {
-    vlk::velk_logger::addTargetFactory("capture", captureFactory);
+    vlk::velk_logger::addTargetFactory("capture", [](vlk::target_config& keys) {
+        auto* target = new capture_target;
+        target->_commonInit(keys);
+        return madeTargets().emplace_back(target);
+    });
     config["Protocol"] = vlk::friendly_value("capture");
     vlk::velk_logger::addTarget(config);
     return static_cast<capture_target&>(*madeTargets().back());
@@ -83,72 +77,6 @@ inline capture_target& addCaptureTarget(vlk::target_config config) {
 inline void deliver() {
     vlk::velk_logger::flush();
     vlk::velk_logger::flush();
-}
-
-// A record line cut into its parts.
-struct record {
-    std::string timestamp, logId, level, identifier, body;
-};
-
-// Cuts "<timestamp> [<id>] <level>: <identifier> <body>" apart and checks
-// the shape of each part; false for a line of any other shape.
-inline bool parseRecord(const std::string& line, record& out) {
-    auto digits = [](const std::string& text, std::size_t from, std::size_t count) {
-        if (from + count > text.size()) {
-            return false;
-        }
-        for (std::size_t i = from; i < from + count; ++i) {
-            if (text[i] < '0' || text[i] > '9') {
-                return false;
-            }
-        }
-        return true;
-    };
-    // "2026-01-02T03:04:05.1234560", then "+01:00" unless the offset is 0.
-    static const std::string stampShape = "dddd-dd-ddTdd:dd:dd.ddddddd";
-    if (line.size() < stampShape.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < stampShape.size(); ++i) {
-        if (stampShape[i] == 'd' ? !digits(line, i, 1) : line[i] != stampShape[i]) {
-            return false;
-        }
-    }
-    std::size_t at = stampShape.size();
-    if (line[at] == '+' || line[at] == '-') {
-        if (!digits(line, at + 1, 2) || line.compare(at + 3, 1, ":") != 0 ||
-            !digits(line, at + 4, 2)) {
-            return false;
-        }
-        at += 6;
-    }
-    out.timestamp = line.substr(0, at);
-    if (line.compare(at, 2, " [") != 0) {
-        return false;
-    }
-    const std::size_t idEnd = line.find("] ", at + 2);
-    if (idEnd == std::string::npos || idEnd == at + 2 || !digits(line, at + 2, idEnd - at - 2)) {
-        return false;
-    }
-    out.logId = line.substr(at + 2, idEnd - at - 2);
-    const std::size_t levelEnd = line.find(": ", idEnd + 2);
-    if (levelEnd == std::string::npos) {
-        return false;
-    }
-    out.level = line.substr(idEnd + 2, levelEnd - idEnd - 2);
-    // "0A-0007" or "1FB12345", then one blank.
-    const std::size_t idAt = levelEnd + 2;
-    const bool hyphen = line.compare(idAt + 2, 1, "-") == 0;
-    const std::size_t idLength = hyphen ? 7 : 8;
-    if (!std::isxdigit(static_cast<unsigned char>(line[idAt])) ||
-        !std::isxdigit(static_cast<unsigned char>(line[idAt + 1])) ||
-        (!hyphen && line.compare(idAt + 2, 1, "B") != 0) || !digits(line, idAt + 3, idLength - 3) ||
-        line.compare(idAt + idLength, 1, " ") != 0) {
-        return false;
-    }
-    out.identifier = line.substr(idAt, idLength);
-    out.body = line.substr(idAt + idLength + 1);
-    return true;
 }
 
 }  // namespace vlk_test

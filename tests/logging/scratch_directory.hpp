@@ -12,6 +12,8 @@
 #include <string>
 
 #include <vlk/catalogue/error_manager.hpp>
+#include <vlk/catalogue/errors.hpp>
+#include <vlk/logging/target.hpp>
 
 namespace vlk_test {
 
@@ -50,6 +52,20 @@ struct small_tmpfs {
     }
     std::string path;
     bool mounted = false;
+};
+
+// A target made by `factory` at level info, with its implementation at hand.
+template <typename Impl, auto factory>
+struct made_target {
+    static made_target make(vlk::target_config config) {
+        config["Level"] = std::string("info");
+        return {factory(config)};
+    }
+    Impl& impl() const { return static_cast<Impl&>(*target.get()); }
+    void log(const std::string& line) const {
+        target->log(vlk::errors::E000001, line.data(), line.size());
+    }
+    vlk::base::shared_pointer<vlk::velk_logger::logger> target;
 };
 
 inline std::string readFile(const std::string& path) {

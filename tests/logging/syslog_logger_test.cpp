@@ -27,10 +27,8 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include <vlk/system/host.hpp>
@@ -89,27 +87,21 @@ TEST_F(SyslogLogger, CountsOnlyAcceptedLinesWhoseLevelByteIsNotOneLevel) {
 // rsyslogd in a directory of its own (under /tmp, not TMPDIR: a socket path
 // has at most 107 bytes). The destructor kills and reaps it and removes the
 // directory, whatever the test did.
-class private_daemon {
-  public:
+struct private_daemon {
     private_daemon() {
         char pattern[] = "/tmp/vlk-syslog-XXXXXX";
-        if (mkdtemp(pattern) != nullptr) {
-            dir = pattern;
-        }
+        dir = mkdtemp(pattern) != nullptr ? pattern : "";
     }
     ~private_daemon() {
-        if (_pid > 0) {
-            kill(_pid, SIGKILL);
-            waitpid(_pid, nullptr, 0);
+        if (pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
         }
-        std::error_code ignored;
         // rmdir first: should /dev still be mounted there, it is not empty,
         // and nothing below it is removed.
-        if (!dir.empty()) {
-            fs::remove(dir / "dev", ignored);
-            if (!fs::exists(dir / "dev", ignored)) {
-                fs::remove_all(dir, ignored);
-            }
+        std::error_code ignored;
+        if (!dir.empty() && (fs::remove(dir / "dev", ignored), !fs::exists(dir / "dev", ignored))) {
+            fs::remove_all(dir, ignored);
         }
     }
 
@@ -127,8 +119,8 @@ class private_daemon {
                "%syslogseverity%|%syslogtag%|%msg%\\n\")\n"
             << "*.* action(type=\"omfile\" file=\"" << (dir / "out.log").string()
             << "\" template=\"fields\")\n";
-        _pid = fork();
-        if (_pid == 0) {
+        pid = fork();
+        if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);  // dies with the test even if it is killed
             std::freopen((dir / "daemon.out").c_str(), "w", stdout);
             dup2(fileno(stdout), STDERR_FILENO);
@@ -136,16 +128,15 @@ class private_daemon {
                   (dir / "rsyslogd.pid").c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
-        const auto deadline = std::chrono::steady_clock::now() + 10s;
-        while (!fs::exists(socket())) {
-            if (waitpid(_pid, nullptr, WNOHANG) == _pid) {
-                _pid = -1;  // reaped: nothing left to kill
+        for (const auto deadline = std::chrono::steady_clock::now() + 10s; !fs::exists(socket());
+             std::this_thread::sleep_for(10ms)) {
+            if (waitpid(pid, nullptr, WNOHANG) == pid) {
+                pid = -1;  // reaped: nothing left to kill
                 return "rsyslogd ended early: " + output();
             }
             if (std::chrono::steady_clock::now() > deadline) {
                 return "rsyslogd did not open its socket within 10 s: " + output();
             }
-            std::this_thread::sleep_for(10ms);
         }
         return {};
     }
@@ -175,9 +166,7 @@ class private_daemon {
     }
 
     fs::path dir;
-
-  private:
-    pid_t _pid = -1;
+    pid_t pid = -1;
 };
 
 constexpr int no_namespace = 77;  // the child's exit status that skips the test
@@ -219,8 +208,9 @@ constexpr struct {
 };
 
 // In the child: a target with the default identity, options and facility
-// logs every level, then one with its own identity, no LOG_PID and a local
-// facility logs above warning. Returns 0 or the child's exit status.
+// logs every level, and does not count what it hands to syslog(); then one
+// with its own identity, no LOG_PID and a local facility logs above warning.
+// Returns 0 or the child's exit status.
 int logThroughTwoTargets() {
     target_config defaults{{"Level", {"developer"}}, {"IncludeErrors", {"01-0001"}}};
     auto first = vlk::syslog_logger::factory(defaults);
@@ -231,10 +221,6 @@ int logThroughTwoTargets() {
     vlk::syslog_logging_info info;
     first->getSyslogLoggerInfo(info);
     first->shutdown();
-    if (info.bytesWritten != 0) {
-        std::fprintf(stderr, "lines handed to syslog() were counted in bytesWritten\n");
-        return 1;
-    }
 
     target_config local{{"Ident", {"vlk-probe"}},
                         {"Options", {"LOG_NDELAY"}},
@@ -248,24 +234,11 @@ int logThroughTwoTargets() {
     second->log(error_id{0x04, 0x01, 1}, "stats, below warning\n", 21);
     second->log(error_id{0x20, 0x01, 1}, "error\n", 6);
     second->shutdown();
-    return 0;
+    return info.bytesWritten == 0 ? 0 : 1;
 }
 
-// "priority|facility|severity|tag|message": the daemon drops a trailing line
-// feed and keeps the blank behind the tag's colon.
-std::vector<std::string> expectedRecords(pid_t child) {
-    const std::string tag = vlk::system::programName() + "[" + std::to_string(child) + "]:";
-    std::vector<std::string> records;
-    for (const auto& line : every_level) {
-        const std::string text(line.text, std::strlen(line.text) - 1);
-        records.push_back(std::to_string(8 + line.severity) + "|1|" +
-                          std::to_string(line.severity) + "|" + tag + "| " + text);
-    }
-    records.push_back("154|19|2|vlk-probe:| as it stands: %s %n 100%");
-    records.push_back("155|19|3|vlk-probe:| error");
-    return records;
-}
-
+// "priority|facility|severity|tag|message" for a child's lines: the daemon
+// drops a trailing line feed and keeps the blank behind the tag's colon.
 TEST_F(SyslogLogger, ADaemonReceivesPriorityFacilityIdentityAndTextAsLogged) {
     private_daemon daemon;
     ASSERT_EQ(daemon.start(), "");
@@ -289,7 +262,15 @@ TEST_F(SyslogLogger, ADaemonReceivesPriorityFacilityIdentityAndTextAsLogged) {
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
         << "child wait status " << status << " (see its stderr)";
 
-    const std::vector<std::string> expected = expectedRecords(child);
+    const std::string tag = vlk::system::programName() + "[" + std::to_string(child) + "]:";
+    std::vector<std::string> expected;
+    for (const auto& line : every_level) {
+        expected.push_back(std::to_string(8 + line.severity) + "|1|" +
+                           std::to_string(line.severity) + "|" + tag + "| " +
+                           std::string(line.text, std::strlen(line.text) - 1));
+    }
+    expected.push_back("154|19|2|vlk-probe:| as it stands: %s %n 100%");
+    expected.push_back("155|19|3|vlk-probe:| error");
     EXPECT_EQ(daemon.waitForRecords(expected.size()), expected) << daemon.output();
 }
 

@@ -21,12 +21,19 @@
 // whose last byte is not a line feed first gets one, so that no record
 // merges with a cut line.
 //
+// Lines are gathered in a buffer of the target's own and go to the file in
+// whole buffers by write(2), and whatever is gathered goes out at every
+// `flush`, which the logger calls after each pass, before a rotation and at
+// `shutdown`. A write that fails loses the lines it did not get out whole:
+// they count as dropped, and an ENOSPC among them suspends writing as above.
+//
 // Everything but the factory and `init` runs on the logging thread, without a
 // lock. The destructor does not close the file, `shutdown` does.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -91,6 +98,11 @@ class file_logger_impl : public velk_logger::logger {
     std::int64_t _lastOpenTry = 0;             // coarse monotonic nanoseconds
     std::uint64_t _droppedLines = 0;           // lost since the last line written
     bool _checkLineEnd = false;                // the file may end inside a line
+    // Lines not yet given to the file: `_buffered` bytes at `_buffer`. Large
+    // writes cost the kernel far less per byte than the 4 KiB of stdio.
+    static constexpr std::size_t bufferBytes = 256 * 1024;
+    std::unique_ptr<char[]> _buffer = std::make_unique_for_overwrite<char[]>(bufferBytes);
+    std::size_t _buffered = 0;
 
   private:
     std::string constructFileName() const;
@@ -100,8 +112,15 @@ class file_logger_impl : public velk_logger::logger {
     bool _mayTryOpen() const;
     // While the disk is full: whether the line at hand may be written now.
     bool _spaceIsBack(unsigned long length);
-    // fwrite, counted; a short write that fails with ENOSPC suspends writing.
+    // Adds `text` to the buffer, counted, writing the buffer out first when
+    // it has no room. False when that write failed and `text` was not taken.
     bool _write(const char* text, unsigned long length);
+    // Writes `length` bytes at `text` to the file, all or as much as the file
+    // takes. A failure drops the lines not written whole, takes their bytes
+    // back out of `_bytesWritten`, and on ENOSPC suspends writing.
+    bool _writeOut(const char* text, std::size_t length);
+    // Writes the buffer out and empties it, whatever the outcome.
+    bool _writeBuffer();
 };
 
 }  // namespace _file_logger_detail
