@@ -28,14 +28,14 @@ TEST(Catalogue, RowObjectsCarryTheirIdentifierLevelAndFragments) {
     EXPECT_EQ(vlk::errors::E000000.level, 0x01);  // a bare row
 }
 
+// Invalid patterns find nothing; velkmsg's test runs more of them.
 TEST(Catalogue, SearchFoldsNothingAndAddsToWhatTheResultHolds) {
-    // Lower-case hex is folded by velkmsg, not here; invalid patterns find nothing.
-    for (const std::string pattern :
-         {"ff-0001", "[0-9A-F]{2}B", "uncatalogued", "(", "[", "*", "\\", "a{2,1}"}) {
+    for (const std::string pattern : {"ff-0001", "[0-9A-F]{2}B", "uncatalogued", "("}) {
         error_map map;
         error_set set;
-        EXPECT_FALSE(error_manager::findErrors(pattern, map)) << pattern;
-        EXPECT_FALSE(error_manager::findErrors(pattern, set)) << pattern;
+        EXPECT_FALSE(error_manager::findErrors(pattern, map) ||
+                     error_manager::findErrors(pattern, set))
+            << pattern;
         EXPECT_EQ(map.size() + set.size(), 0u) << pattern;
     }
     error_map map;
@@ -45,7 +45,6 @@ TEST(Catalogue, SearchFoldsNothingAndAddsToWhatTheResultHolds) {
     EXPECT_EQ(map.size(), 25u);
     EXPECT_TRUE(error_manager::findErrors("zz", map));  // no new hit, rows held: true
     EXPECT_EQ(map.size(), 25u);
-
     error_set set;
     EXPECT_TRUE(error_manager::findErrors("^01-", set));
     EXPECT_TRUE(error_manager::findErrors("-0001$", set));
@@ -54,9 +53,8 @@ TEST(Catalogue, SearchFoldsNothingAndAddsToWhatTheResultHolds) {
 }
 
 TEST(Catalogue, ErrorInfoIgnoresTheLevelAndHasFallbacks) {
-    const auto known = error_manager::errorInfo(error_id{0, 0x00, 41});
-    EXPECT_EQ(known.description, "VELK encountered a fatal error and is exiting.");
-    EXPECT_EQ(known.action, "No recommended action available.");
+    EXPECT_EQ(error_manager::errorInfo(error_id{0x80, 0x00, 2}).description,
+              "A message containing the VELK instance name.");
     const auto unknown = error_manager::errorInfo(error_id{0x20, 0x7F, 1});
     EXPECT_EQ(unknown.description, "No description found.");
     EXPECT_EQ(unknown.action, "No recommended action.");
@@ -94,8 +92,8 @@ TEST(Catalogue, FindErrorTellsUnknownFromMalformed) {
 
 TEST(Catalogue, FirstRegistrationWins) {
     error_manager::registerError(error_id{0x80, 0x00, 2}, "other", "other action");
-    const auto info = error_manager::errorInfo(error_id{0, 0x00, 2});
-    EXPECT_EQ(info.description, "A message containing the VELK instance name.");
+    EXPECT_EQ(error_manager::errorInfo(error_id{0, 0x00, 2}).action,
+              "No recommended action available.");
     error_id id{};
     error_manager::findError("00-0002", id);
     EXPECT_EQ(id.level, 0x08);
@@ -124,32 +122,13 @@ bool matches(const vlk::regex& expression, const std::string& subject) {
                      static_cast<int>(subject.size()), 0, 0, vector, 16) >= 0;
 }
 
-TEST(Regex, InitKeepsTheFirstPatternAndAnInvalidOneLeavesNoCode) {
+// Invalid patterns are checked through velkmsg (cli_test), and the copy
+// behind a view by jit_regex's test, whose code it shares.
+TEST(Regex, InitKeepsTheFirstPattern) {
     vlk::regex expression(std::string("^01-"));
-    ASSERT_NE(expression._code, nullptr);
-    pcre* first = expression._code;
     expression.init(std::string("^02-"));
-    EXPECT_EQ(expression._code, first);
     EXPECT_TRUE(matches(expression, "01-0001"));
     EXPECT_FALSE(matches(expression, "02-0001"));
-
-    vlk::regex invalid(std::string("("));
-    EXPECT_EQ(invalid._code, nullptr);
-    EXPECT_EQ(invalid._extra, nullptr);
-    invalid.init(std::string("x"));
-    EXPECT_NE(invalid._code, nullptr);
-}
-
-// The copy behind a view is shared with jit_regex, whose test runs it on
-// both sides of the on-stack size.
-TEST(Regex, ViewsCompileUpToTheirLengthOrFirstNul) {
-    const std::string text = "^AB$tail-not-in-view";
-    vlk::regex view(vlk::base::cstring{text.data(), 4});
-    EXPECT_TRUE(matches(view, "AB"));
-    const char withNul[] = {'0', '1', '\0', '(', '('};
-    vlk::regex expression(vlk::base::cstring{withNul, sizeof withNul});
-    ASSERT_NE(expression._code, nullptr);  // "((" was never compiled
-    EXPECT_TRUE(matches(expression, "01-0001"));
 }
 
 }  // namespace

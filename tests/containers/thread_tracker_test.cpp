@@ -4,9 +4,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <thread>
 #include <vector>
+
+#include "../concurrency.hpp"
 
 namespace {
 
@@ -18,67 +19,19 @@ struct counting_map {};
 struct waiting_map {};
 struct churning_map {};
 
-// Runs `wait(map)` on a thread of its own: whether it returned within
-// `first`, and whether it had returned 10 s after `release()`.
-template <typename Tracker>
-std::pair<bool, bool> waitReturns(
-    unsigned long map, std::chrono::milliseconds first,
-    const std::function<void()>& release = [] {}) {
-    std::atomic<bool> done{false};
-    std::thread waiter([&] {
-        Tracker::_waitInfo.wait(map);
-        done.store(true);
-    });
-    auto doneWithin = [&](std::chrono::milliseconds limit) {
-        const auto end = std::chrono::steady_clock::now() + limit;
-        while (!done.load() && std::chrono::steady_clock::now() < end) {
-            std::this_thread::sleep_for(1ms);
-        }
-        return done.load();
-    };
-    const bool early = doneWithin(first);
-    release();
-    const bool late = doneWithin(10s);
-    waiter.join();
-    return {early, late};
-}
-
-TEST(ThreadTracker, CountersRegistrationAndTheMergeOfEndedThreads) {
+// A waiter that has used the map itself is outside its section, so its wait
+// returns. Ended threads are merged and freed by the churn test below.
+TEST(ThreadTracker, AWaiterThatUsedTheMapIsOutsideItsSection) {
     using tracker = lf_thread_tracker_impl<counting_map>;
-    tracker::_waitInfo.wait(0x1000);  // merges what earlier runs left pending
-    const unsigned long known = tracker::_waitInfo.threadCount();
-    std::vector<unsigned long> seen;
-    unsigned long pendingWhileRunning = 0;
-    std::thread([&] {
-        seen.push_back(tracker::_counter.load());
-        std::uint64_t leave = tracker::enter(0x1000);
-        seen.push_back(tracker::_counter.load());
-        seen.push_back(tracker::_instance.load());
-        pendingWhileRunning = tracker::_waitInfo.pendingCount();
-        tracker::leave(leave);
-        seen.push_back(tracker::_counter.load());
-        leave = tracker::enter(0x2000);
-        seen.push_back(tracker::_counter.load());
-        tracker::leave(leave);
-        seen.push_back(tracker::_counter.load());
-    }).join();
-    EXPECT_EQ(seen, (std::vector<unsigned long>{0, 3, 0x1000, 5, 7, 9}));
-    EXPECT_EQ(pendingWhileRunning, 1u);  // queued, not yet on the list
-
-    // Registered and ended before any wait: both pending, merged and freed
-    // by the next wait, never spun on (its counter storage is gone).
-    EXPECT_EQ(tracker::_waitInfo.pendingCount(), 2u);
+    tracker::leave(tracker::enter(0x1000));
+    EXPECT_EQ(tracker::_waitInfo.pendingCount(), 1u);  // registered, not yet merged
     tracker::_waitInfo.wait(0x1000);
     EXPECT_EQ(tracker::_waitInfo.pendingCount(), 0u);
-    EXPECT_EQ(tracker::_waitInfo.threadCount(), known);
-
-    // A waiter that has used the map itself is outside its section.
-    const bool registered = tracker::_counter.load() != 0;
-    tracker::leave(tracker::enter(0x1000));
-    tracker::_waitInfo.wait(0x1000);
-    EXPECT_EQ(tracker::_waitInfo.threadCount(), known + (registered ? 0 : 1));
+    EXPECT_EQ(tracker::_waitInfo.threadCount(), 1u);
 }
 
+// A wait that never returns, here or above, hangs the test until its time
+// limit: a failure.
 TEST(ThreadTracker, WaitHoldsForASectionOnTheSameMapOnly) {
     using tracker = lf_thread_tracker_impl<waiting_map>;
     constexpr unsigned long mapA = 0xa000, mapB = 0xb000;
@@ -99,9 +52,16 @@ TEST(ThreadTracker, WaitHoldsForASectionOnTheSameMapOnly) {
     while (step.load() != 1) {
         std::this_thread::yield();
     }
-    EXPECT_TRUE(waitReturns<tracker>(mapB, 10s).first) << "a section on another map held it";
-    EXPECT_EQ(waitReturns<tracker>(mapA, 50ms, [&] { step.store(2); }), std::pair(false, true))
-        << "the wait ignored a thread inside the map, or never ended";
+    tracker::_waitInfo.wait(mapB);  // a section on another map holds nobody
+    std::atomic<bool> done{false};
+    std::thread waiter([&] {
+        tracker::_waitInfo.wait(mapA);
+        done.store(true);
+    });
+    std::this_thread::sleep_for(50ms);
+    EXPECT_FALSE(done.load()) << "the wait ignored a thread inside the map";
+    step.store(2);
+    waiter.join();
     for (int i = 0; i < 100; ++i) {
         tracker::_waitInfo.wait(mapA);
     }
@@ -116,30 +76,24 @@ TEST(ThreadTracker, ThreadsEndingDuringConcurrentWaitsAreNeverReadAfterwards) {
     using tracker = lf_thread_tracker_impl<churning_map>;
     std::atomic<bool> stop{false};
     std::atomic<unsigned long> waits{0};
-    auto waitLoop = [&](unsigned long map) {
+    vlk_test::onThreads(3, [&](unsigned t) {
+        if (t == 2) {
+            for (int round = 0; round < 20; ++round) {
+                vlk_test::onThreads(3, [](unsigned map) {
+                    for (int i = 0; i < 100; ++i) {
+                        tracker::leave(tracker::enter(0xa + map));
+                    }
+                });
+            }
+            stop.store(true);
+            return;
+        }
         while (!stop.load()) {
-            tracker::_waitInfo.wait(map);
+            tracker::_waitInfo.wait(0xa + t);
             waits.fetch_add(1);
             std::this_thread::yield();
         }
-    };
-    std::thread waiterA(waitLoop, 0xa), waiterB(waitLoop, 0xb);
-    for (int round = 0; round < 20; ++round) {
-        std::vector<std::thread> users;
-        for (unsigned long map : {0xaul, 0xbul, 0xcul}) {
-            users.emplace_back([map] {
-                for (int i = 0; i < 100; ++i) {
-                    tracker::leave(tracker::enter(map));
-                }
-            });
-        }
-        for (std::thread& user : users) {
-            user.join();
-        }
-    }
-    stop.store(true);
-    waiterA.join();
-    waiterB.join();
+    });
     EXPECT_GT(waits.load(), 0u);
     tracker::_waitInfo.wait(0xa);
     EXPECT_EQ(tracker::_waitInfo.threadCount(), 0u);  // every user merged and freed

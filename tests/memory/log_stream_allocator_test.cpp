@@ -101,14 +101,13 @@ TEST_F(LogStreamAllocator, EndedThreadsAllocatorsAreReapedOnlyWhenAllBlocksAreFr
         EXPECT_NE(log_stream_allocator::threadAllocator(), first);
     });
     worker.join();
-    const std::uint64_t expected[] = {2, 1, 1, 0};  // retired allocators after each step
+    // Retired allocators after each reap; the free of block 0 counts in the
+    // first one, which is then idle and goes.
+    const std::uint64_t expected[] = {2, 1, 1, 0};
     for (int step = 0; step < 4; ++step) {
         log_stream_allocator::reap();
         EXPECT_EQ(log_stream_allocator::retiredCount(), expected[step]) << step;
-        if (step == 0) {
-            log_stream_allocator::deallocate(blocks[0]);
-            EXPECT_EQ(first->freeCount(), 1u);
-        } else if (step < 3) {
+        if (step < 3) {
             log_stream_allocator::deallocate(blocks[step]);
         }
     }

@@ -12,7 +12,6 @@
 namespace {
 
 using velk::velk_regex_manager;
-namespace detail = velk::_velk_regex_manager_detail;
 
 TEST(RegexManager, TerminateBeforeInitDoesNothing) {
     velk_regex_manager::terminate();
@@ -31,8 +30,7 @@ TEST(RegexManager, OneHandlePerPatternText) {
     EXPECT_EQ(velk_regex_manager::registeredCount(), count);  // not compiled again
 
     // No normalisation: case and blanks make other entries.
-    void* upper = velk_regex_manager::registerRegex("^01-00 ");
-    EXPECT_NE(upper, first);
+    EXPECT_NE(velk_regex_manager::registerRegex("^01-00 "), first);
     EXPECT_NE(velk_regex_manager::registerRegex("^0A-00"),
               velk_regex_manager::registerRegex("^0a-00"));
 
@@ -52,7 +50,6 @@ TEST(RegexManager, MatchingOnHandles) {
         int ovector[30];
         EXPECT_FALSE(velk_regex_manager::isMatch(nullptr, "abc", 3));
         EXPECT_EQ(velk_regex_manager::match(nullptr, "abc", 3, ovector, 30), -1);
-        EXPECT_EQ(detail::_jitStack, nullptr);  // a null handle makes no stack
 
         void* digits = velk_regex_manager::registerRegex("([0-9]+)-([0-9]+)");
         ASSERT_NE(digits, nullptr);
@@ -61,9 +58,7 @@ TEST(RegexManager, MatchingOnHandles) {
         EXPECT_EQ(ovector[5], 9);
         EXPECT_EQ(velk_regex_manager::match(digits, "1-2 and 33-44", 13, 4, ovector, 30), 3);
         EXPECT_EQ(ovector[0], 8);
-        EXPECT_NE(detail::_jitStack, nullptr);
-        velk_regex_manager::threadTerminate();
-        EXPECT_EQ(detail::_jitStack, nullptr);
+        velk_regex_manager::threadTerminate();  // frees the thread's JIT stack, or it leaks
     });
     fresh.join();
 
