@@ -7,9 +7,7 @@
 // head of the bucket's chain. The node comes from the segment chosen by the
 // hash, or the next one with a free node, wrapping around. Only when no
 // segment has a free node does the table grow, to twice the buckets; the
-// load of the table plays no part. A block is laid out with room for one
-// growth, which then happens inside it; the growth after that moves the
-// entries to a new block.
+// load of the table plays no part.
 //
 // Iteration visits buckets upward, each bucket's inline slots upward, then
 // its chain from the head (the newest entry). Growth moves each old bucket's
@@ -505,23 +503,16 @@ class hash_table {
         b.state |= Layout::overflow_bit;
     }
 
-    // Makes a table of `bucketCount` buckets in a block with room for the
-    // next growth: the bucket array, the pool and the bitmaps are laid out
-    // for `growth_factor` times the buckets, so that growth can happen in
-    // place (_growInPlace). The room costs address space only: the block
-    // is zeroed storage, and pages that no bucket or node reaches are never
-    // touched.
     static table_data* _createTable(std::uint64_t bucketCount) {
         const std::uint64_t segmentCount = segmentCountFor(bucketCount);
-        const std::uint64_t roomBuckets = bucketCount * Constants::growth_factor;
-        const std::uint64_t roomSegments = segmentCountFor(roomBuckets);
-        const std::uint64_t usedWords = (roomBuckets + 63) / 64;
-        const std::uint64_t freeWords = (roomSegments + 63) / 64 * 2;
+        const std::uint64_t usedWords = (bucketCount + 63) / 64;
+        const std::uint64_t freeWords = (segmentCount + 63) / 64 * 2;
         const std::uint64_t bytes =
-            (64 + roomBuckets * sizeof(bucket) + (roomSegments + 1) * sizeof(segment) +
+            (64 + bucketCount * sizeof(bucket) + (segmentCount + 1) * sizeof(segment) +
              (usedWords + freeWords) * sizeof(std::uint64_t) + system::pageMask()) &
             ~system::pageMask();
-        // Zeroed storage: every bucket starts empty.
+        // Zeroed storage: every bucket starts empty. Untouched buckets of a
+        // large table stay untouched pages.
         auto* table = static_cast<table_data*>(memory::aligned::callocate<128>(bytes));
         table->mask = bucketCount - 1;
         table->bucket_count = bucketCount;
@@ -530,21 +521,14 @@ class hash_table {
         table->buckets = reinterpret_cast<bucket*>(reinterpret_cast<char*>(table) + 64);
         // The pool starts at the first multiple of the segment size behind the
         // buckets; the spare segment in `bytes` pays for the rounding.
-        const auto bucketsEnd = reinterpret_cast<std::uintptr_t>(table->buckets + roomBuckets);
+        const auto bucketsEnd = reinterpret_cast<std::uintptr_t>(table->buckets + bucketCount);
         const std::uintptr_t poolStart =
             (bucketsEnd + sizeof(segment) - 1) / sizeof(segment) * sizeof(segment);
         table->segments = reinterpret_cast<segment*>(poolStart);
-        table->used = reinterpret_cast<std::uint64_t*>(table->segments + roomSegments);
+        table->used = reinterpret_cast<std::uint64_t*>(table->segments + segmentCount);
         table->free_segments = table->used + usedWords;
         _addSegments(table, segmentCount);
         return table;
-    }
-
-    // Buckets the block of `table` has room for.
-    static std::uint64_t _roomOf(const table_data* table) {
-        const auto poolStart = reinterpret_cast<std::uintptr_t>(table->segments);
-        const auto bucketsStart = reinterpret_cast<std::uintptr_t>(table->buckets);
-        return (poolStart - bucketsStart) / sizeof(bucket);
     }
 
     // Brings the pool of `table` to `segmentCount` segments, each new one
@@ -608,10 +592,6 @@ class hash_table {
         table_data* old = _table;
         const std::uint64_t bucketCount =
             std::max<std::uint64_t>(old->bucket_count * Constants::growth_factor, min_buckets);
-        if (bucketCount <= _roomOf(old)) {
-            _growInPlace(bucketCount);
-            return;
-        }
         table_data* table = _createTable(bucketCount);
         for (std::uint64_t i = old->nextUsed(0); i < old->bucket_count; i = old->nextUsed(i + 1)) {
             bucket& b = old->buckets[i];
@@ -626,73 +606,6 @@ class hash_table {
         }
         _install(table);
         _freeTable(old);
-    }
-
-    // Growth inside the block, with the result of _grow's rehash: old
-    // buckets upward, each one's slots and then its chain from the head,
-    // each entry to the next free slot of its new bucket or else to the
-    // head of that bucket's chain. An entry of old bucket i lands in bucket
-    // i or i + old count, so bucket i is emptied and refilled, and the
-    // buckets behind the old count are fresh. An entry that keeps its slot
-    // stays where it is and a chained entry keeps its node, so a table
-    // whose entries keep their buckets (the catalogue's) moves nothing and
-    // only relinks its chains, which reverses them as a rehash does. Which
-    // node holds an entry is not observable; the order is.
-    void _growInPlace(std::uint64_t bucketCount) {
-        table_data* table = _table;
-        const std::uint64_t oldCount = table->bucket_count;
-        _addSegments(table, segmentCountFor(bucketCount));
-        table->mask = bucketCount - 1;
-        table->bucket_count = bucketCount;
-        for (std::uint64_t i = table->nextUsed(0); i < oldCount; i = table->nextUsed(i + 1)) {
-            bucket& b = table->buckets[i];
-            const std::uint32_t oldState = b.state;
-            node* chain = b.overflow;
-            // Bucket i is refilled from its own entries: the slot written
-            // next is never above the slot read next, so nothing unread is
-            // overwritten.
-            b.state = 0;
-            b.overflow = nullptr;
-            table->used[i / 64] &= ~(std::uint64_t{1} << (i % 64));
-            for (unsigned s = 0; s < (oldState & Layout::count_mask); ++s) {
-                if ((oldState & (1u << (Layout::flag_shift + s))) == 0) {
-                    continue;
-                }
-                const std::uint64_t hash = _hashOf(b.kept, s, *b.slot(s));
-                if (&_bucketOf(table, hash) == &b && b.count() == s) {
-                    b.state += 1 | (1u << (Layout::flag_shift + s));
-                    table->markUsed(i);
-                    continue;
-                }
-                _rehashEntry(table, hash, std::move(*b.slot(s)));
-                b.slot(s)->~entry();
-            }
-            while (chain != nullptr) {
-                node* n = chain;
-                chain = n->next;
-                const std::uint64_t hash = _hashOf(n->kept, 0, *n->get());
-                bucket& target = _bucketOf(table, hash);
-                if (table->isUsed(hash & table->mask) && target.count() == slots) {
-                    _pushChain(target, n);
-                    continue;
-                }
-                _rehashEntry(table, hash, std::move(*n->get()));
-                n->get()->~entry();
-                _freeNode(table, n);
-            }
-        }
-        _capacity = table->bucket_count * slots + table->segment_count * nodes_per_segment;
-    }
-
-    // Gives a node whose entry is gone back to its segment's free list.
-    static void _freeNode(table_data* table, node* n) {
-        const auto offset =
-            reinterpret_cast<std::uintptr_t>(n) - reinterpret_cast<std::uintptr_t>(table->segments);
-        const std::uint64_t index = offset / sizeof(segment);
-        segment& seg = table->segments[index];
-        n->next = seg.free;
-        seg.free = n;
-        table->setSegmentBit(index, has_free, true);
     }
 
     void _swap(hash_table& other) noexcept {
