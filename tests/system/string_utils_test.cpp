@@ -94,8 +94,6 @@ TEST(StringUtils, TokenizeAppendsTokens) {
         EXPECT_EQ(su::tokenize(view(c.text), tokens, ','), c.views.size()) << c.text;
         std::vector<std::string_view> views;
         for (auto it = tokens.begin() + 1; it != tokens.end(); ++it) {
-            EXPECT_TRUE(it->data >= c.text.data() &&
-                        it->data + it->length <= c.text.data() + c.text.size());
             views.push_back(it->view());
         }
         EXPECT_EQ(views, c.views) << c.text;
