@@ -141,7 +141,6 @@ struct stress_record {
     std::uint64_t payload[4] = {};
     std::uint64_t check = 0;
 };
-static_assert(sizeof(stress_record) == 56);
 
 // Four producers, two consumers; returns the count of faults seen.
 template <unsigned long EntriesPerBlock>
