@@ -72,9 +72,13 @@ class Logger : public testing::Test {
     static void SetUpTestSuite() {
         vlk::_vlk_system_detail::_pid = ::getpid();
         vlk::error_manager::init();
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
     }
-    void SetUp() override { velk_logger::init(); }
+    // Set per test, so that it is restored after each one: a death test in
+    // another suite runs in a child started with the default style.
+    void SetUp() override {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+        velk_logger::init();
+    }
     void TearDown() override {
         velk_logger::shutdown();
         velk_logger::terminate();
