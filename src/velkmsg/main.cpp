@@ -11,16 +11,17 @@
 #include <vlk/logging/velk_logger.hpp>
 #include <vlk/regex/regex_manager.hpp>
 
+#include "startup_heap.hpp"
+
 namespace {
 
-// The catalogue's first table is a mapped block and is unmapped when the
-// table grows; glibc then raises its mapping threshold above the freed size,
-// so the next table of that size, the result map below, comes from the heap,
-// where calloc has to clear it: some 30 pages written for a table of which a
-// run like `velkmsg 01-0001` uses one bucket. Pinning the threshold at its
-// default keeps every table mapped, and fresh mapped pages are zero without
-// being touched. Priority 101 runs this before any static initialiser that
-// allocates.
+// Hash tables are mapped blocks. When glibc unmaps a freed mapped block it
+// raises its mapping threshold above that block's size, so a later table of
+// that size would come from the heap, where calloc has to clear it: some 30
+// pages written for a result map of which a run like `velkmsg 01-0001` uses
+// one bucket. Pinning the threshold at its default keeps every table
+// mapped, and fresh mapped pages are zero without being touched. Priority
+// 101 runs this before any static initialiser that allocates.
 [[gnu::constructor(101)]] void pinMappingThreshold() {
     mallopt(M_MMAP_THRESHOLD, 128 * 1024);
 }
@@ -42,6 +43,7 @@ void printUsage(const char* program) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    velkmsg::endStartupHeap();
     if (argc != 2) {
         printUsage(argc > 0 && argv[0] != nullptr ? argv[0] : "");
         std::exit(1);

@@ -35,8 +35,6 @@ TEST(LogLevel, NamesJoinEverySetBitFromTheLowest) {
     for (const auto& [bits, names] : rows) {
         EXPECT_EQ(vlk::getLogLevelString(static_cast<log_level>(bits)), names);
     }
-    EXPECT_EQ(vlk::logLevelName(0x80).view(), "emergency");
-    EXPECT_EQ(vlk::logLevelName(0x01).view(), "developer");
 }
 
 // Short texts, upper case and other letters are none.

@@ -24,19 +24,12 @@ TEST(RegexManager, OneHandlePerPatternText) {
     velk_regex_manager::init();
     void* first = velk_regex_manager::registerRegex("^01-00");
     ASSERT_NE(first, nullptr);
-    std::uint64_t count = velk_regex_manager::registeredCount();
+    const std::uint64_t count = velk_regex_manager::registeredCount();
     EXPECT_EQ(velk_regex_manager::registerRegex(std::string("^01-00")), first);
     EXPECT_EQ(velk_regex_manager::registerRegex(vlk::base::cstring{"^01-00", 6}), first);
     EXPECT_EQ(velk_regex_manager::registeredCount(), count);  // not compiled again
 
-    // No normalisation: case and blanks make other entries.
-    EXPECT_NE(velk_regex_manager::registerRegex("^01-00 "), first);
-    EXPECT_NE(velk_regex_manager::registerRegex("^0A-00"),
-              velk_regex_manager::registerRegex("^0a-00"));
-
-    // An invalid pattern is null each time and never stored.
-    count = velk_regex_manager::registeredCount();
-    EXPECT_EQ(velk_regex_manager::registerRegex("(unclosed"), nullptr);
+    // An invalid pattern is null and never stored.
     EXPECT_EQ(velk_regex_manager::registerRegex("(unclosed"), nullptr);
     EXPECT_EQ(velk_regex_manager::registeredCount(), count);
 
@@ -63,11 +56,9 @@ TEST(RegexManager, MatchingOnHandles) {
     fresh.join();
 
     // Twenty groups overflow isMatch's 16-int vector; PCRE's 0 still matches.
-    std::string manyGroups;
-    for (int i = 0; i < 20; ++i) {
-        manyGroups += "(a)";
-    }
-    void* many = velk_regex_manager::registerRegex(manyGroups);
+    void* many = velk_regex_manager::registerRegex(
+        "(a)(a)(a)(a)(a)(a)(a)(a)(a)(a)"
+        "(a)(a)(a)(a)(a)(a)(a)(a)(a)(a)");
     EXPECT_TRUE(velk_regex_manager::isMatch(many, std::string(20, 'a').c_str(), 20));
     EXPECT_FALSE(velk_regex_manager::isMatch(many, "aaa", 3));
 }
@@ -81,11 +72,11 @@ TEST(RegexManager, LazyFormsCacheTheHandleInTheCallersSlot) {
     // The cached slot wins over the pattern, which is not looked at again.
     EXPECT_TRUE(velk_regex_manager::isMatch(text, vlk::base::cstring{"zzz", 3}, slot));
 
-    void* invalid = nullptr;
-    vlk::base::cstring32 text32{"abc", 3};
-    EXPECT_FALSE(velk_regex_manager::isMatch(text32, vlk::base::cstring32{"[", 1}, invalid));
-    EXPECT_EQ(invalid, nullptr);
+    // An invalid pattern leaves the slot empty, for the next pattern to fill.
     void* slot32 = nullptr;
+    vlk::base::cstring32 text32{"abc", 3};
+    EXPECT_FALSE(velk_regex_manager::isMatch(text32, vlk::base::cstring32{"[", 1}, slot32));
+    EXPECT_EQ(slot32, nullptr);
     EXPECT_TRUE(velk_regex_manager::isMatch(text32, vlk::base::cstring32{"b", 1}, slot32));
 }
 

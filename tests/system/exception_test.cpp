@@ -7,33 +7,23 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <typeinfo>
 
 namespace {
 
 using namespace vlk::string_convert_detail;
 
-// A copy cloned through the base keeps the dynamic type and the text, and
-// raise throws it as that type.
+// Cloned through the base, each class raises its own type with the text; a
+// sliced clone would raise its base, which EXPECT_THROW refuses.
 TEST(Exception, CloneAndRaiseKeepTheDynamicType) {
-    EXPECT_EQ(vlk::exception().why(), "");
-    const std::unique_ptr<const vlk::exception> originals[] = {
-        std::make_unique<vlk::exception>("base"),
-        std::make_unique<string_convert_exception>("convert"),
-        std::make_unique<parse_exception>("parse"),
-        std::make_unique<overflow_exception>("overflow")};
-    for (const auto& original : originals) {
-        const std::unique_ptr<vlk::exception> copy(original->clone());
-        const vlk::exception& copied = *copy;
-        EXPECT_EQ(typeid(copied), typeid(*original)) << original->why();
-        EXPECT_STREQ(copy->what(), original->why().c_str());
-        try {
-            copy->raise();
-            ADD_FAILURE() << original->why() << ": raise returned";
-        } catch (const vlk::exception& caught) {
-            EXPECT_EQ(typeid(caught), typeid(*original)) << original->why();
-        }
-    }
+    auto raiseClone = [](const vlk::exception& original) {
+        const std::unique_ptr<vlk::exception> copy(original.clone());
+        EXPECT_STREQ(copy->what(), original.why().c_str());
+        copy->raise();
+    };
+    EXPECT_THROW(raiseClone(vlk::exception("base")), vlk::exception);
+    EXPECT_THROW(raiseClone(string_convert_exception("convert")), string_convert_exception);
+    EXPECT_THROW(raiseClone(parse_exception("parse")), parse_exception);
+    EXPECT_THROW(raiseClone(overflow_exception("overflow")), overflow_exception);
 }
 
 // Both forms take glibc's text unless an EINVAL is left in errno; the buffer

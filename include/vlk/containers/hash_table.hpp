@@ -158,25 +158,67 @@ class hash_table {
         // over the table (iteration, growth, teardown) follow it instead of
         // reading every bucket, so pages of empty buckets are never touched.
         std::uint64_t* used;
+        // Two bits per segment, in pairs of words: word 2w holds, for the
+        // segments from 64w on, a bit set while the segment has a free
+        // node; word 2w + 1 a bit set once its free list is linked. The
+        // node search reads the first instead of the segments' heads, so a
+        // search that passes many used-up segments is a scan of one word.
+        std::uint64_t* free_segments;
 
         // The first used bucket at or after `from`, or `bucket_count`.
         std::uint64_t nextUsed(std::uint64_t from) const {
-            const std::uint64_t words = (bucket_count + 63) / 64;
-            std::uint64_t word = from / 64;
-            if (word >= words) {
-                return bucket_count;
-            }
-            std::uint64_t bits = used[word] & (~std::uint64_t{0} << (from % 64));
-            while (bits == 0) {
-                if (++word == words) {
-                    return bucket_count;
-                }
-                bits = used[word];
-            }
-            return word * 64 + static_cast<std::uint64_t>(std::countr_zero(bits));
+            return nextSet(used, bucket_count, from);
         }
 
         void markUsed(std::uint64_t index) { used[index / 64] |= std::uint64_t{1} << (index % 64); }
+        bool isUsed(std::uint64_t index) const {
+            return (used[index / 64] & (std::uint64_t{1} << (index % 64))) != 0;
+        }
+
+        // The first segment with a free node in the order the node search
+        // tries them: `from`, `from` + 1, ... wrapping around; or
+        // `segment_count` when every segment is used up.
+        std::uint64_t nextWithFreeNode(std::uint64_t from) const {
+            const std::uint64_t found = nextSet(free_segments, segment_count, from, 2);
+            if (found != segment_count || from == 0) {
+                return found;
+            }
+            const std::uint64_t wrapped = nextSet(free_segments, from, 0, 2);
+            return wrapped < from ? wrapped : segment_count;
+        }
+
+        std::uint64_t& segmentWord(std::uint64_t index, unsigned which) const {
+            return free_segments[index / 64 * 2 + which];
+        }
+        bool segmentBit(std::uint64_t index, unsigned which) const {
+            return ((segmentWord(index, which) >> (index % 64)) & 1) != 0;
+        }
+        void setSegmentBit(std::uint64_t index, unsigned which, bool value) const {
+            const std::uint64_t bit = std::uint64_t{1} << (index % 64);
+            segmentWord(index, which) =
+                value ? segmentWord(index, which) | bit : segmentWord(index, which) & ~bit;
+        }
+
+        // The first set bit at or after `from` of the `count` bits held in
+        // the words `bits[0]`, `bits[stride]`, `bits[2 * stride]` ..., or
+        // `count`.
+        static std::uint64_t nextSet(const std::uint64_t* bits, std::uint64_t count,
+                                     std::uint64_t from, std::uint64_t stride = 1) {
+            const std::uint64_t words = (count + 63) / 64;
+            std::uint64_t word = from / 64;
+            if (word >= words) {
+                return count;
+            }
+            std::uint64_t pending = bits[word * stride] & (~std::uint64_t{0} << (from % 64));
+            while (pending == 0) {
+                if (++word == words) {
+                    return count;
+                }
+                pending = bits[word * stride];
+            }
+            return std::min(count,
+                            word * 64 + static_cast<std::uint64_t>(std::countr_zero(pending)));
+        }
     };
     static_assert(sizeof(table_data) <= 64);
 
@@ -293,10 +335,14 @@ class hash_table {
         const std::uint64_t hash = Layout::hashKey(key);
         for (;;) {
             bucket& b = _bucketOf(_table, hash);
-            if (entry* found = _find(b, key, hash)) {
+            // A bucket that never took an entry is not read: its page may
+            // still be untouched, and reading it first would cost a second
+            // fault when the entry is written.
+            const bool used = _table->isUsed(hash & _table->mask);
+            if (entry* found = used ? _find(b, key, hash) : nullptr) {
                 return {found, false};
             }
-            const unsigned count = b.count();
+            const unsigned count = used ? b.count() : 0;
             if (count < slots) {
                 entry* e = Layout::construct(b.storage[count], key, std::forward<Args>(args)...);
                 _keepHash(b.kept, count, hash);
@@ -355,6 +401,9 @@ class hash_table {
             b.overflow = nullptr;
         }
         for (std::uint64_t i = 0; i < table->segment_count; ++i) {
+            if (!table->segmentBit(i, linked)) {
+                continue;  // never taken from: holds no entry
+            }
             segment& seg = table->segments[i];
             for (node* n = seg.free; n != nullptr;) {
                 node* next = n->next;
@@ -431,15 +480,21 @@ class hash_table {
     // Pops a free node from the segment the hash selects or, failing that,
     // from the next segment that has one, wrapping around.
     static node* _takeNode(table_data* table, std::uint64_t hash) {
-        const std::uint64_t last = table->segment_count - 1;
-        for (std::uint64_t i = 0; i < table->segment_count; ++i) {
-            segment& seg = table->segments[(hash + i) & last];
-            if (node* n = seg.free) {
-                seg.free = n->next;
-                return n;
-            }
+        const std::uint64_t index = table->nextWithFreeNode(hash & (table->segment_count - 1));
+        if (index == table->segment_count) {
+            return nullptr;
         }
-        return nullptr;
+        segment& seg = table->segments[index];
+        if (!table->segmentBit(index, linked)) {
+            _linkSegment(seg);
+            table->setSegmentBit(index, linked, true);
+        }
+        node* n = seg.free;
+        seg.free = n->next;
+        if (seg.free == nullptr) {
+            table->setSegmentBit(index, has_free, false);
+        }
+        return n;
     }
 
     static void _pushChain(bucket& b, node* n) {
@@ -451,16 +506,17 @@ class hash_table {
     static table_data* _createTable(std::uint64_t bucketCount) {
         const std::uint64_t segmentCount = segmentCountFor(bucketCount);
         const std::uint64_t usedWords = (bucketCount + 63) / 64;
+        const std::uint64_t freeWords = (segmentCount + 63) / 64 * 2;
         const std::uint64_t bytes =
             (64 + bucketCount * sizeof(bucket) + (segmentCount + 1) * sizeof(segment) +
-             usedWords * sizeof(std::uint64_t) + system::pageMask()) &
+             (usedWords + freeWords) * sizeof(std::uint64_t) + system::pageMask()) &
             ~system::pageMask();
         // Zeroed storage: every bucket starts empty. Untouched buckets of a
         // large table stay untouched pages.
         auto* table = static_cast<table_data*>(memory::aligned::callocate<128>(bytes));
         table->mask = bucketCount - 1;
         table->bucket_count = bucketCount;
-        table->segment_count = segmentCount;
+        table->segment_count = 0;
         table->bytes = bytes;
         table->buckets = reinterpret_cast<bucket*>(reinterpret_cast<char*>(table) + 64);
         // The pool starts at the first multiple of the segment size behind the
@@ -470,15 +526,38 @@ class hash_table {
             (bucketsEnd + sizeof(segment) - 1) / sizeof(segment) * sizeof(segment);
         table->segments = reinterpret_cast<segment*>(poolStart);
         table->used = reinterpret_cast<std::uint64_t*>(table->segments + segmentCount);
-        for (std::uint64_t i = 0; i < segmentCount; ++i) {
-            segment& seg = table->segments[i];
-            // Node 0 ends the free list and the last node heads it.
-            for (node& n : seg.nodes) {
-                n.next = seg.free;
-                seg.free = &n;
-            }
-        }
+        table->free_segments = table->used + usedWords;
+        _addSegments(table, segmentCount);
         return table;
+    }
+
+    // Brings the pool of `table` to `segmentCount` segments, each new one
+    // with all its nodes free. A new segment's free list is linked when the
+    // node search first takes from it (_linkSegment); until then only its
+    // bits say that it has free nodes, and its pages are not touched. A
+    // table that chains few entries, such as a search's result, so leaves
+    // most of its pool unwritten.
+    static void _addSegments(table_data* table, std::uint64_t segmentCount) {
+        for (std::uint64_t i = table->segment_count; i < segmentCount; ++i) {
+            table->setSegmentBit(i, has_free, true);
+        }
+        table->segment_count = segmentCount;
+    }
+
+    // The two bits of a segment (table_data::free_segments).
+    static constexpr unsigned has_free = 0;
+    static constexpr unsigned linked = 1;
+
+    // Links every node of a zeroed segment into its free list. Node 0 ends
+    // the list and the last node heads it, as if each had been pushed in
+    // turn.
+    static void _linkSegment(segment& seg) {
+        node* head = nullptr;
+        for (node& n : seg.nodes) {
+            n.next = head;
+            head = &n;
+        }
+        seg.free = head;
     }
 
     void _install(table_data* table) {
@@ -491,7 +570,7 @@ class hash_table {
     // else a node at the head of the chain. The version does not move.
     static void _rehashEntry(table_data* table, std::uint64_t hash, entry&& e) {
         bucket& b = _bucketOf(table, hash);
-        const unsigned count = b.count();
+        const unsigned count = table->isUsed(hash & table->mask) ? b.count() : 0;
         if (count < slots) {
             new (b.storage[count]) entry(std::move(e));
             _keepHash(b.kept, count, hash);
@@ -511,8 +590,9 @@ class hash_table {
 
     void _grow() {
         table_data* old = _table;
-        table_data* table = _createTable(
-            std::max<std::uint64_t>(old->bucket_count * Constants::growth_factor, min_buckets));
+        const std::uint64_t bucketCount =
+            std::max<std::uint64_t>(old->bucket_count * Constants::growth_factor, min_buckets);
+        table_data* table = _createTable(bucketCount);
         for (std::uint64_t i = old->nextUsed(0); i < old->bucket_count; i = old->nextUsed(i + 1)) {
             bucket& b = old->buckets[i];
             for (unsigned s = 0; s < b.count(); ++s) {
