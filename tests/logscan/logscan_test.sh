@@ -6,7 +6,7 @@
 #   counts   rotated plain and gzip sets: counts per level equal the demo's
 #            report; filters, standard input, syslog prefixes, JSON validity,
 #            row texts exactly as velkmsg prints them
-#   damaged  a writer killed with SIGKILL, cut lines, garbage, 1 MB lines,
+#   damaged  a writer killed with SIGKILL, cut lines, garbage, 3 MB lines,
 #            unknown identifiers, missing files, no records
 #   usage    exit status 2 for bad options, 0 for --help and --version
 #   follow   --follow over a rotating set while it is written
@@ -135,14 +135,16 @@ damaged)
     complete=$(zcat "$gz" 2>/dev/null | wc -l)
     [ "$complete" -gt 0 ] || fail "nothing in $gz"
     [ "$(json gz.json 'summary["records"]')" = "$complete" ] || fail "gzip: records"
-    # A cut last line, binary garbage and a 1 MB line are other lines; an
-    # unknown identifier is a row of its own. Once ended by a line feed, the
-    # cut line is a record with a shorter body.
+    # A cut last line, binary garbage and a 3 MB line (longer than the read
+    # buffer: its head is one other line, the rest is dropped, and the next
+    # line comes whole) are other lines; an unknown identifier is a row of
+    # its own. Once ended by a line feed, the cut line is a record with a
+    # shorter body.
     head -c -5 "$log" >cut.log
     {
         cat cut.log && echo
         head -c 100000 /dev/urandom | tr -d '\n'
-        echo && head -c 1000000 /dev/zero | tr '\0' x && echo
+        echo && head -c 3000000 /dev/zero | tr '\0' x && echo
         echo "2026-01-02T03:04:05.1234560 [1] critical: 7F-0001 not catalogued"
     } >mixed.log
     "$scan" --format json cut.log >cut.json

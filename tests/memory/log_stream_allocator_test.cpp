@@ -85,10 +85,18 @@ TEST_F(LogStreamAllocator, BlocksFreedOnAnotherThreadAreAllReturnedAndSlabsRecyc
     EXPECT_LE(producerAllocator->slabCount(), 2u);  // the open one and the cached one
 }
 
-// Frees of an ended thread's blocks count in its retired allocator, and reap
-// destroys it only once nothing is in flight. threadTerminate retires early;
-// the next allocation makes a new allocator, which the key retires.
-TEST_F(LogStreamAllocator, EndedThreadsAllocatorsAreReapedOnlyWhenAllBlocksAreFreed) {
+// First terminate() reaps and takes the process-wide part down, after which
+// retiring is a no-op; init() builds it again for what follows. Frees of an
+// ended thread's blocks count in its retired allocator, and reap destroys it
+// only once nothing is in flight. threadTerminate retires early; the next
+// allocation makes a new allocator, which the key retires.
+TEST_F(LogStreamAllocator, AfterARestartEndedThreadsAllocatorsAreReapedOnlyWhenAllIsFreed) {
+    std::thread([] { log_stream_allocator::deallocate(log_stream_allocator::allocate(1)); }).join();
+    log_stream_allocator::terminate();
+    EXPECT_EQ(log_stream_allocator::retiredCount(), 0u);
+    EXPECT_EQ(liveMappings(), _baseline);
+    log_stream_allocator::threadTerminate();
+    log_stream_allocator::init();
     void* blocks[3] = {};
     const log_stream_allocator::slab_allocator* first = nullptr;
     std::thread worker([&] {
@@ -111,20 +119,6 @@ TEST_F(LogStreamAllocator, EndedThreadsAllocatorsAreReapedOnlyWhenAllBlocksAreFr
             log_stream_allocator::deallocate(blocks[step]);
         }
     }
-}
-
-// terminate() reaps and takes the process-wide part down; retiring is then
-// a no-op, and init() builds it again.
-TEST_F(LogStreamAllocator, TerminateReapsAndInitStartsAgain) {
-    std::thread([] { log_stream_allocator::deallocate(log_stream_allocator::allocate(1)); }).join();
-    EXPECT_EQ(log_stream_allocator::retiredCount(), 1u);
-    log_stream_allocator::terminate();
-    EXPECT_EQ(log_stream_allocator::retiredCount(), 0u);
-    EXPECT_EQ(liveMappings(), _baseline);
-    log_stream_allocator::threadTerminate();
-    log_stream_allocator::init();
-    std::thread([] { log_stream_allocator::deallocate(log_stream_allocator::allocate(1)); }).join();
-    EXPECT_EQ(log_stream_allocator::retiredCount(), 1u);
 }
 
 }  // namespace
