@@ -172,10 +172,8 @@ bool _velk_logger_impl::start() {
 }
 
 void _velk_logger_impl::_loggingThreadEntryPoint() {
-    fast_log_message message;
-    message.buffer = log_stream_buffer::withCapacity(1024);
     for (;;) {
-        _processLogQueue(message);
+        _processLogQueue();
         if (!_lingerForWork()) {
             _sleepUntilWoken();
         }
@@ -189,7 +187,7 @@ void _velk_logger_impl::_loggingThreadEntryPoint() {
         }
         // Acquire: pairs with the compare-and-swap in shutdown().
         if (_stopped.load(std::memory_order_acquire) != 0) {
-            _processLogQueue(message);
+            _processLogQueue();
             // Relaxed: posts that come now reach nobody either way.
             _asleep.store(1, std::memory_order_relaxed);
             // Release: pairs with the acquire load in shutdown(milliseconds).
@@ -253,9 +251,9 @@ void _velk_logger_impl::_sleepUntilWoken() {
     _asleep.store(0, std::memory_order_relaxed);
 }
 
-void _velk_logger_impl::_processLogQueue(fast_log_message& message) {
+void _velk_logger_impl::_processLogQueue() {
     while (!_logQueue.empty()) {
-        _drainQueue(message);
+        _drainQueue();
         const bool more = !_logQueue.empty();
         // A burst costs one flush: targets flush between drains, not records.
         for (velk_logger::logger* target : _targetList) {
@@ -275,7 +273,7 @@ void _velk_logger_impl::_processLogQueue(fast_log_message& message) {
 // the queue is backed up, and reading it cold in _composeLine() was the
 // largest single cost of a record here. Order is kept: the batch is written
 // in the order it was taken.
-void _velk_logger_impl::_drainQueue(fast_log_message& message) {
+void _velk_logger_impl::_drainQueue() {
     constexpr int k_batch = 16;
     constexpr std::uint64_t k_prefetchBytes = 256;
     fast_log_message batch[k_batch];
@@ -294,7 +292,7 @@ void _velk_logger_impl::_drainQueue(fast_log_message& message) {
         }
         _takenCount += static_cast<std::uint64_t>(taken);
         for (int i = 0; i < taken; ++i) {
-            message = std::move(batch[i]);
+            fast_log_message& message = batch[i];
             if (_queueLimit.load(std::memory_order_relaxed) != 0) [[unlikely]] {
                 _releaseQueued(message);
             }
@@ -454,9 +452,7 @@ void _velk_logger_impl::terminate() {
         _targets.append(fallback);
         _targetList.append(fallback.get());
     }
-    fast_log_message message;
-    message.buffer = log_stream_buffer::withCapacity(1024);
-    _processLogQueue(message);
+    _processLogQueue();
 }
 
 void _velk_logger_impl::addTargetFactory(const std::string& name,

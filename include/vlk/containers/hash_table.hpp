@@ -516,7 +516,7 @@ class hash_table {
         auto* table = static_cast<table_data*>(memory::aligned::callocate<128>(bytes));
         table->mask = bucketCount - 1;
         table->bucket_count = bucketCount;
-        table->segment_count = 0;
+        table->segment_count = segmentCount;
         table->bytes = bytes;
         table->buckets = reinterpret_cast<bucket*>(reinterpret_cast<char*>(table) + 64);
         // The pool starts at the first multiple of the segment size behind the
@@ -527,21 +527,15 @@ class hash_table {
         table->segments = reinterpret_cast<segment*>(poolStart);
         table->used = reinterpret_cast<std::uint64_t*>(table->segments + segmentCount);
         table->free_segments = table->used + usedWords;
-        _addSegments(table, segmentCount);
-        return table;
-    }
-
-    // Brings the pool of `table` to `segmentCount` segments, each new one
-    // with all its nodes free. A new segment's free list is linked when the
-    // node search first takes from it (_linkSegment); until then only its
-    // bits say that it has free nodes, and its pages are not touched. A
-    // table that chains few entries, such as a search's result, so leaves
-    // most of its pool unwritten.
-    static void _addSegments(table_data* table, std::uint64_t segmentCount) {
-        for (std::uint64_t i = table->segment_count; i < segmentCount; ++i) {
+        // Every segment starts with all its nodes free, but its free list is
+        // linked only when the node search first takes from it
+        // (_linkSegment); until then only its bit says so, and its pages are
+        // not touched. A table that chains few entries, such as a search's
+        // result, so leaves most of its pool unwritten.
+        for (std::uint64_t i = 0; i < segmentCount; ++i) {
             table->setSegmentBit(i, has_free, true);
         }
-        table->segment_count = segmentCount;
+        return table;
     }
 
     // The two bits of a segment (table_data::free_segments).
@@ -590,9 +584,8 @@ class hash_table {
 
     void _grow() {
         table_data* old = _table;
-        const std::uint64_t bucketCount =
-            std::max<std::uint64_t>(old->bucket_count * Constants::growth_factor, min_buckets);
-        table_data* table = _createTable(bucketCount);
+        table_data* table = _createTable(
+            std::max<std::uint64_t>(old->bucket_count * Constants::growth_factor, min_buckets));
         for (std::uint64_t i = old->nextUsed(0); i < old->bucket_count; i = old->nextUsed(i + 1)) {
             bucket& b = old->buckets[i];
             for (unsigned s = 0; s < b.count(); ++s) {

@@ -264,10 +264,10 @@ class alignas(128) _velk_logger_impl {
   private:
     velk_logger_tsd_data* _createData(velk_logger_tsd_data** slot);
     void _loggingThreadEntryPoint();
-    void _processLogQueue(fast_log_message& message);
+    void _processLogQueue();
     bool _lingerForWork();
     void _sleepUntilWoken();
-    void _drainQueue(fast_log_message& message);
+    void _drainQueue();
     void _composeLine(const fast_log_message& message);
     void _releaseQueued(const fast_log_message& message);
     void _releaseTargets();
