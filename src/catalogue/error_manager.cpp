@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <locale>
+#include <string_view>
 
 #include <pcre.h>
 
@@ -54,14 +55,29 @@ std::string trimmed(const std::string& text) {
 }
 
 // Calls `onHit(entry)` for each catalogue row, in catalogue order, whose
-// identifier `pattern` matches anywhere.
+// identifier `pattern` matches anywhere. A pattern without syntax, such as
+// an identifier or a prefix, is searched for as it stands: matching it
+// through PCRE costs more than the rest of a velkmsg run's own work.
 template <typename OnHit>
 void forEachMatch(const error_map& catalogue, const std::string& pattern, OnHit onHit) {
-    const regex expression(trimmed(pattern));
-    if (expression._code == nullptr || catalogue.size() == 0) {
+    if (catalogue.size() == 0) {
         return;
     }
+    const std::string text = trimmed(pattern);
     char subject[error_id_buffer_size];
+    if (isLiteralPattern(text)) {
+        for (auto& row : catalogue) {
+            const std::string_view id(subject, renderErrorId(row.key, subject));
+            if (id.find(text) != std::string_view::npos) {
+                onHit(row);
+            }
+        }
+        return;
+    }
+    const regex expression(text);
+    if (expression._code == nullptr) {
+        return;
+    }
     int vector[match_vector_size];
     for (auto& row : catalogue) {
         const int length = static_cast<int>(renderErrorId(row.key, subject));

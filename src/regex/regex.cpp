@@ -38,4 +38,13 @@ void regex::_init(const char* pattern, unsigned long) {
     _regex_detail::compileAndStudy(pattern, 0, _code, _extra);
 }
 
+bool isLiteralPattern(std::string_view pattern) {
+    // Outside a class, with no option bits, these are all the bytes PCRE
+    // reads as syntax: `]` and `}` alone are literal, `#` and blanks count
+    // only in extended mode, bytes above 127 only in UTF-8 mode. The view
+    // keeps the array's terminating NUL, the one other byte to refuse.
+    static constexpr char syntax[] = "\\^$.[|()?*+{";
+    return pattern.find_first_of(std::string_view(syntax, sizeof syntax)) == std::string_view::npos;
+}
+
 }  // namespace vlk

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include <vlk/catalogue/errors.hpp>
 
@@ -44,6 +45,25 @@ TEST(Catalogue, SearchFoldsNothingAndAddsToWhatTheResultHolds) {
     EXPECT_TRUE(error_manager::findErrors("-0001$", set));
     EXPECT_EQ(set.size(), 25u + 47u);
     EXPECT_TRUE(set.contains(error_id{0, 0x1D, 1}));
+}
+
+// A pattern without syntax is searched for, not compiled: it must find the
+// rows PCRE finds, in the same order. A NUL ends the pattern for PCRE.
+TEST(Catalogue, PlainPatternsFindWhatTheirExpressionFinds) {
+    const auto keys = [](const std::string& pattern) {
+        error_map map;
+        error_manager::findErrors(pattern, map);
+        std::vector<error_id> ids;
+        for (const auto& row : map) {
+            ids.push_back(row.key);
+        }
+        return ids;
+    };
+    for (const std::string plain : {"", "0", "1-00", "01-0001", "01-00011", "1]", "zz"}) {
+        EXPECT_EQ(keys(plain), keys("(?:" + plain + ")")) << plain;
+    }
+    EXPECT_EQ(keys(" -0001\t"), keys("(?:-0001)"));
+    EXPECT_EQ(keys(std::string("1-00\0zz", 7)), keys("1-00"));
 }
 
 TEST(Catalogue, ErrorInfoIgnoresTheLevelAndHasFallbacks) {

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include <vlk/system/cstring.hpp>
 
@@ -38,5 +39,11 @@ class regex {
     real_pcre* _code = nullptr;    // null until a compile has succeeded
     pcre_extra* _extra = nullptr;  // null when there is no study data
 };
+
+// Whether `pattern`, compiled as `regex` compiles it, matches exactly its own
+// bytes: it holds no metacharacter and no NUL (PCRE would stop reading at
+// one). Such a pattern matches a subject where `find` finds it in the
+// subject, so a caller may search instead of compiling.
+bool isLiteralPattern(std::string_view pattern);
 
 }  // namespace vlk
