@@ -7,23 +7,7 @@
 
 namespace {
 
-using vlk::error_id;
 using vlk::log_level;
-
-// Codes below 10000 are zero-padded to four digits; longer ones take the B form.
-TEST(ErrorId, RendersPaddedCodesAndTheFiveDigitForm) {
-    const struct {
-        std::uint8_t category;
-        std::uint16_t code;
-        const char* text;
-    } rows[] = {{0x0A, 9999, "0A-9999"}, {0x01, 1, "01-0001"},      {0xC3, 42, "C3-0042"},
-                {0x1D, 305, "1D-0305"},  {0x00, 10000, "00B10000"}, {0xFF, 65535, "FFB65535"}};
-    for (const auto& r : rows) {
-        std::string text;
-        vlk::appendErrorId(text, error_id{0, r.category, r.code});
-        EXPECT_EQ(text, r.text);
-    }
-}
 
 TEST(LogLevel, NamesJoinEverySetBitFromTheLowest) {
     const std::pair<unsigned, const char*> rows[] = {

@@ -18,11 +18,6 @@ namespace vlk_test {
 
 class capture_target : public vlk::velk_logger::logger {
   public:
-    struct line {
-        vlk::error_id id;
-        std::string text;
-    };
-
     bool init() override { return true; }
     void shutdown() override { shutdowns.fetch_add(1); }
     void log(const vlk::error_id& id, const char* text, unsigned long length) override {
@@ -31,12 +26,12 @@ class capture_target : public vlk::velk_logger::logger {
         }
         std::this_thread::sleep_for(std::chrono::microseconds(delayMicroseconds.load()));
         std::lock_guard guard(_mutex);
-        _lines.push_back({id, std::string(text, length)});
+        _lines.emplace_back(text, length);
     }
     void rotate() override { rotations.fetch_add(1); }
     void flush() override { flushes.fetch_add(1); }
 
-    std::vector<line> lines() const {
+    std::vector<std::string> lines() const {
         std::lock_guard guard(_mutex);
         return _lines;
     }
@@ -48,7 +43,7 @@ class capture_target : public vlk::velk_logger::logger {
 
   private:
     mutable std::mutex _mutex;
-    std::vector<line> _lines;
+    std::vector<std::string> _lines;
 };
 
 inline std::vector<vlk::base::shared_pointer<vlk::velk_logger::logger>>& madeTargets() {

@@ -12,7 +12,7 @@ using FileLogger = vlk_test::scratch_directory;
 
 using made =
     vlk_test::made_target<vlk::_file_logger_detail::file_logger_impl, vlk::file_logger::factory>;
-constexpr auto make = made::make;
+constexpr auto opened = made::opened;
 
 struct file_kind {
     using made = ::made;
@@ -24,16 +24,14 @@ INSTANTIATE_TYPED_TEST_SUITE_P(FileLogger, FileTarget, file_kind);
 
 TEST_F(FileLogger, CountInNameFollowsTheThresholdAndWidensPastFiveDigits) {
     for (const char* threshold : {"", "lots", "2k"}) {  // "%n" only with a threshold
-        made file = make({{"RotationThreshold", {threshold}}});
-        ASSERT_TRUE(file.target->init()) << threshold;
+        made file = opened({{"RotationThreshold", {threshold}}});
         EXPECT_EQ(file.impl()._currentFileName.substr(19),
                   *threshold == '2' ? "-00000.log" : ".log");
         EXPECT_EQ(file.impl()._rotationThreshold, *threshold == '2' ? 2048u : ~0ull);
         file.target->shutdown();
     }
     // A line feed in the pattern stands for the count, as "%n" does.
-    made file = make({{"RotationThreshold", {"0"}}, {"FileName", {"a-\n.log"}}});
-    ASSERT_TRUE(file.target->init());
+    made file = opened({{"RotationThreshold", {"0"}}, {"FileName", {"a-\n.log"}}});
     file.log("0\n");
     file.log("1\n");  // a threshold of 0 rotates before each record but the first
     vlk::file_logging_info info;
@@ -51,8 +49,7 @@ TEST_F(FileLogger, CountInNameFollowsTheThresholdAndWidensPastFiveDigits) {
 // disk ended first; a rotation to the same name starts the file over.
 TEST_F(FileLogger, SameNameIsAppendedToAtInitAndEmptiedByRotation) {
     vlk_test::writeFile("a.log", "whole\ncut");
-    made file = make({{"FileName", {"a.log"}}, {"ExcludeErrors", {"00-0001"}}});
-    ASSERT_TRUE(file.target->init());
+    made file = opened({{"FileName", {"a.log"}}, {"ExcludeErrors", {"00-0001"}}});
     file.log("excluded\n");
     file.target->log(vlk::errors::E000046, "kept\n", 5);
     file.target->log(vlk::errors::E000046, "after\n", 6);
@@ -60,8 +57,7 @@ TEST_F(FileLogger, SameNameIsAppendedToAtInitAndEmptiedByRotation) {
     EXPECT_EQ(readFile("a.log"), "whole\ncut\nkept\nafter\n");
 
     vlk_test::writeFile("a.log", std::string(1001, 'o'));
-    made sized = make({{"RotationThreshold", {"1000"}}, {"FileName", {"a.log"}}});
-    ASSERT_TRUE(sized.target->init());
+    made sized = opened({{"RotationThreshold", {"1000"}}, {"FileName", {"a.log"}}});
     sized.log("record\n");  // counted with its 1001 bytes, past 1000: the file is started over
     sized.target->flush();
     EXPECT_EQ(readFile("a.log"), "record\n");
@@ -73,12 +69,11 @@ TEST_F(FileLogger, SameNameIsAppendedToAtInitAndEmptiedByRotation) {
 TEST_F(FileLogger, UnopenableNamesFailInitOrDropLines) {
     vlk_test::writeFile("plain", "x");
     for (const char* name : {"plain/x.log", "bad dir/x.log", "."}) {
-        EXPECT_FALSE(make({{"FileName", {name}}}).target->init()) << name;
+        EXPECT_FALSE(made::make({{"FileName", {name}}}).target->init()) << name;
     }
     EXPECT_FALSE(fs::exists("bad dir"));
 
-    made file = make({{"RotationThreshold", {"0"}}, {"FileName", {"a.log"}}});
-    ASSERT_TRUE(file.target->init());
+    made file = opened({{"RotationThreshold", {"0"}}, {"FileName", {"a.log"}}});
     file.log("first\n");
     fs::remove("a.log");
     fs::create_directory("a.log");

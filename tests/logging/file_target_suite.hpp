@@ -54,6 +54,12 @@ struct made_target {
         config["Level"] = std::string("info");
         return {factory(config)};
     }
+    // Made and opened, which must succeed.
+    static made_target opened(vlk::target_config config) {
+        made_target made = make(std::move(config));
+        EXPECT_TRUE(made.target->init());
+        return made;
+    }
     Impl& impl() const { return static_cast<Impl&>(*target.get()); }
     void log(const std::string& line) const {
         target->log(vlk::errors::E000001, line.data(), line.size());
@@ -107,8 +113,7 @@ TYPED_TEST_P(FileTarget, AFailedOpenLeavesTheOldFileInUseAndIsTriedAgainASecondL
     const std::string extension = TypeParam::extension;
     std::filesystem::create_directory("n-00001" + extension);  // the next file cannot be made
     const auto stuck =
-        TypeParam::made::make({{"RotationThreshold", {"0"}}, {"FileName", {"n-%n" + extension}}});
-    ASSERT_TRUE(stuck.target->init());
+        TypeParam::made::opened({{"RotationThreshold", {"0"}}, {"FileName", {"n-%n" + extension}}});
     for (const char* line : {"six\n", "seven\n", "eight\n", "nine\n"}) {
         stuck.log(line);  // one try within the second, and the old file keeps the lines
         stuck.target->flush();
@@ -127,8 +132,7 @@ TYPED_TEST_P(FileTarget, AFailedOpenLeavesTheOldFileInUseAndIsTriedAgainASecondL
 TYPED_TEST_P(FileTarget, EveryRecordComesBackAcrossSizeRotations) {
     const std::string pattern = std::string("g-%n") + TypeParam::extension;
     const auto file =
-        TypeParam::made::make({{"RotationThreshold", {"3800"}}, {"FileName", {pattern}}});
-    ASSERT_TRUE(file.target->init());
+        TypeParam::made::opened({{"RotationThreshold", {"3800"}}, {"FileName", {pattern}}});
     const std::string all = vlk_test::logNoise(file, [](int i) { return i < 1200; });
     file.target->rotate();
     EXPECT_EQ(file.impl()._bytesWritten, 0u);
@@ -159,8 +163,7 @@ TYPED_TEST_P(FileTarget, AFullDiskDropsLinesUntilThereIsRoomAndThenSaysHowMany) 
     }
     vlk_test::writeFile(disk + "/filler", std::string(60 * 1024, 'f'));  // a page is left
     const std::string path = disk + "/a" + TypeParam::extension;
-    const auto file = TypeParam::made::make({{"FileName", {path}}});
-    ASSERT_TRUE(file.target->init());
+    const auto file = TypeParam::made::opened({{"FileName", {path}}});
     const std::string all =
         vlk_test::logNoise(file, [&](int i) { return i < 2000 && !TypeParam::suspended(file); });
     ASSERT_TRUE(TypeParam::suspended(file));

@@ -14,7 +14,7 @@ using GzipLogger = vlk_test::scratch_directory;
 
 using made =
     vlk_test::made_target<vlk::_gzip_logger_detail::gzip_logger_impl, vlk::gzip_logger::factory>;
-constexpr auto make = made::make;
+constexpr auto opened = made::opened;
 
 // What the gzip program reads from `path`, also from a file still being
 // written, whose end it reports as missing.
@@ -43,8 +43,7 @@ struct gzip_kind {
 INSTANTIATE_TYPED_TEST_SUITE_P(GzipLogger, FileTarget, gzip_kind);
 
 TEST_F(GzipLogger, SyncFlushAndRestartKeepEveryRecordReadable) {
-    made first = make({{"FileName", {"r.log.gz"}}});
-    ASSERT_TRUE(first.target->init());
+    made first = opened({{"FileName", {"r.log.gz"}}});
     first.log("one\n");
     first.log("two\n");
     EXPECT_EQ(gunzip("r.log.gz"), "");  // still in zlib's buffers
@@ -54,24 +53,21 @@ TEST_F(GzipLogger, SyncFlushAndRestartKeepEveryRecordReadable) {
 
     // A process killed after a pass leaves its member without a trailer,
     // here with a cut line: both are ended before a new member follows.
-    made killed = make({{"FileName", {"k.log.gz"}}});
-    ASSERT_TRUE(killed.target->init());
+    made killed = opened({{"FileName", {"k.log.gz"}}});
     killed.log("whole\n");
     killed.log("cut");
     killed.target->flush();
     fs::copy_file("k.log.gz", "left.log.gz");
     killed.target->shutdown();
     for (const char* name : {"left.log.gz", "r.log.gz"}) {  // the second: a second gzip member
-        made restarted = make({{"FileName", {name}}});
-        ASSERT_TRUE(restarted.target->init());
+        made restarted = opened({{"FileName", {name}}});
         restarted.log("next\n");
         restarted.target->shutdown();
     }
     EXPECT_EQ(gzip_kind::read("left.log.gz"), "whole\ncut\nnext\n");
     EXPECT_EQ(gzip_kind::read("r.log.gz"), "one\ntwo\nnext\n");
 
-    made same = make({{"RotationThreshold", {"10"}}, {"FileName", {"r.log.gz"}}});
-    ASSERT_TRUE(same.target->init());
+    made same = opened({{"RotationThreshold", {"10"}}, {"FileName", {"r.log.gz"}}});
     same.log("four\n");  // counts the whole file, which it appends to
     same.target->flush();
     same.log("five\n");  // the same name again is started over
@@ -79,10 +75,10 @@ TEST_F(GzipLogger, SyncFlushAndRestartKeepEveryRecordReadable) {
     EXPECT_EQ(gunzip("r.log.gz"), "five\n");
 
     vlk_test::writeFile("plain", "x");
-    made unopenable = make({{"FileName", {"plain/x.log.gz"}}});
+    made unopenable = made::make({{"FileName", {"plain/x.log.gz"}}});
     EXPECT_FALSE(unopenable.target->init());
     EXPECT_EQ(unopenable.impl()._bytesWritten, ~0ull);  // zlib's -1 for no file
-    made numbered = make({{"RotationThreshold", {"1M"}}});
+    made numbered = made::make({{"RotationThreshold", {"1M"}}});
     EXPECT_EQ(numbered.impl()._fileNamePattern, "%Y-%m-%dT%H:%M:%S-%n.log.gz");
 }
 

@@ -80,20 +80,21 @@ TEST_F(Logger, RecordLineHasTimeThreadLevelIdentifierAndBodyByteForByte) {
     };
     const std::string before = minute();
     logRow(infoRow, "a");
-    velk_logger::log(vlk::error_id{0x10, 0x1F, 12345}, "five digits");
-    velk_logger::log(vlk::error_id{0x30, 0x1F, 7}, "");  // two level bits, empty body
+    // Codes from 10000 up take the five-digit form; two level bits, empty body.
+    velk_logger::log(vlk::error_id{0x10, 0x1F, 10000}, "five digits");
+    velk_logger::log(vlk::error_id{0x30, 0x1F, 65535}, "");
     deliver();
     const std::string after = minute();
 
     // "<local time>:ss.fffffff[+hh:mm] [<log id>] <level>: <identifier> <body>"
     const std::string rests[] = {"info: 00-0002 " + infoRow.fragments[0] + "a\n",
-                                 "warning: 1FB12345 five digits", "warning: 1F-0007 "};
+                                 "warning: 1FB10000 five digits", "warning: 1FB65535 "};
     const std::string logId = " [" + std::to_string(velk_logger::threadLogId()) + "] ";
     const auto lines = target.lines();
     ASSERT_EQ(lines.size(), 3U);
     // The time's own form is the timestamp's test; its length shows here.
     for (std::size_t i = 0; i < lines.size(); ++i) {
-        const std::string& text = lines[i].text;
+        const std::string& text = lines[i];
         EXPECT_TRUE(text.starts_with(before) || text.starts_with(after))
             << text << " vs " << before;
         const bool offset = text.size() > 27 && (text[27] == '+' || text[27] == '-');
@@ -166,8 +167,8 @@ TEST_F(Logger, QueueLimitDropsPastTheLimitAndSaysHowManyBeforeTheNextRecord) {
         ASSERT_EQ(lines.size(), r.kept + notices + 1) << "limit " << r.limitRecords;
         const std::string notice =
             " logger: " + std::to_string(r.logged - r.kept) + " records dropped at the queue";
-        EXPECT_EQ(lines[0].text.find(notice) != std::string::npos, notices == 1)
-            << "limit " << r.limitRecords << ": " << lines[0].text;
+        EXPECT_EQ(lines[0].find(notice) != std::string::npos, notices == 1)
+            << "limit " << r.limitRecords << ": " << lines[0];
         TearDown();
         SetUp();
     }
@@ -230,13 +231,13 @@ TEST_F(Logger, StressEveryRecordArrivesOnceAndInOrderPerThread) {
     const std::string prefix = "] info: 00-0002 " + infoRow.fragments[0];
     std::vector<int> next(threads, 0);
     for (const auto& line : target.lines()) {
-        if (line.id == vlk::errors::E000027) {  // a thread enlisted: counted end to end
+        if (line.find(" 00-0027 ") != std::string::npos) {  // a thread enlisted: counted end to end
             continue;
         }
-        const std::size_t at = line.text.find(prefix);
-        ASSERT_NE(at, std::string::npos) << line.text;
+        const std::size_t at = line.find(prefix);
+        ASSERT_NE(at, std::string::npos) << line;
         int producer = -1, sequence = -1;
-        std::istringstream(line.text.substr(at + prefix.size())) >> producer >> sequence;
+        std::istringstream(line.substr(at + prefix.size())) >> producer >> sequence;
         ASSERT_EQ(sequence, next.at(producer)++) << "producer " << producer;
     }
     EXPECT_EQ(next, std::vector<int>(threads, perThread));
