@@ -28,9 +28,6 @@ TEST(JitRegex, ValidPatternIsJitStudiedWithTheMatchLimitLifted) {
     int jitCompiled = 0;
     ASSERT_EQ(pcre_fullinfo(regex._code, regex._extra, PCRE_INFO_JIT, &jitCompiled), 0);
     EXPECT_EQ(jitCompiled, 1);
-
-    EXPECT_TRUE(matches(regex, "01-0001"));
-    EXPECT_FALSE(matches(regex, "01-0003"));
 }
 
 // An invalid pattern leaves no code, so the next init compiles.
