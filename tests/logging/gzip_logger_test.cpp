@@ -77,7 +77,6 @@ TEST_F(GzipLogger, SyncFlushAndRestartKeepEveryRecordReadable) {
     vlk_test::writeFile("plain", "x");
     made unopenable = made::make({{"FileName", {"plain/x.log.gz"}}});
     EXPECT_FALSE(unopenable.target->init());
-    EXPECT_EQ(unopenable.impl()._bytesWritten, ~0ull);  // zlib's -1 for no file
     made numbered = made::make({{"RotationThreshold", {"1M"}}});
     EXPECT_EQ(numbered.impl()._fileNamePattern, "%Y-%m-%dT%H:%M:%S-%n.log.gz");
 }

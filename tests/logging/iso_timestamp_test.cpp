@@ -161,10 +161,6 @@ TEST(IsoTimestamp, ThePrefixOfASecondIsSharedByFormsAndOutlivesAZoneChange) {
         EXPECT_EQ(actual(basic, t, 24), "");  // would not fit
     }).join();
     std::thread([&] {
-        EXPECT_EQ(actual(basic, t), "20260102T030405.123456Z");
-        EXPECT_EQ(actual(sending, t), "20260102T030405.123");
-    }).join();
-    std::thread([&] {
         std::string kolkata;
         {
             const scoped_zone zone("Asia/Kolkata");
