@@ -142,9 +142,7 @@ TEST(JsonString, EscapesControlsAndReplacesBytesThatAreNotUtf8) {
         {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80",
          "\"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80\""},
         {"\xc3 \xc0\xaf \xed\xa0\x80 \xf4\x90\x80\x80 \xff",
-         "\"\\ufffd \\ufffd\\ufffd "
-         "\\ufffd\\ufffd\\ufffd \\ufffd\\ufffd"
-         "\\ufffd\\ufffd \\ufffd\""},
+         "\"\\ufffd \\ufffd\\ufffd \\ufffd\\ufffd\\ufffd \\ufffd\\ufffd\\ufffd\\ufffd \\ufffd\""},
     };
     for (const auto& [text, expected] : rows) {
         std::string out;
