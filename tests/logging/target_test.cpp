@@ -11,12 +11,6 @@ namespace {
 using vlk::target_config;
 using vlk::velk_logger;
 
-std::uint32_t levelsOf(target_config config) {
-    vlk_test::capture_target target;
-    target._commonInit(config);
-    return target._levels;
-}
-
 // "errant" is read by its first letters, "debug" is info.
 TEST(Target, LevelTakesTheMoreSevereOnesAndLevelsAddsSingleOnes) {
     const struct {
@@ -28,8 +22,10 @@ TEST(Target, LevelTakesTheMoreSevereOnesAndLevelsAddsSingleOnes) {
         {"errant", "", 0xE0},      {"", "debug", 0x08},     {"", "", 0},
     };
     for (const auto& r : rows) {
-        EXPECT_EQ(levelsOf({{"Level", {r.level}}, {"Levels", {r.levels}}}), r.mask)
-            << r.level << " / " << r.levels;
+        vlk_test::capture_target target;
+        target_config config{{"Level", {r.level}}, {"Levels", {r.levels}}};
+        target._commonInit(config);
+        EXPECT_EQ(target._levels, r.mask) << r.level << " / " << r.levels;
     }
 }
 
