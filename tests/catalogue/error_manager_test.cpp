@@ -100,8 +100,7 @@ TEST(Catalogue, FindErrorTellsUnknownFromMalformed) {
     for (const auto& c : cases) {
         error_id id = untouched;
         EXPECT_EQ(error_manager::findError(c.text, id), c.result) << c.text;
-        EXPECT_EQ(id, c.id) << c.text;
-        EXPECT_EQ(id.level, c.id.level) << c.text;
+        EXPECT_EQ(std::pair(id, id.level), std::pair(c.id, c.id.level)) << c.text;
     }
 }
 
