@@ -72,23 +72,4 @@ TEST(InitOnce, BuildsOnceUnderRaceAndRebuildsAfterShutdown) {
     EXPECT_EQ(std::pair(built::constructed.load(), built::destroyed.load()), std::pair(2, 1));
 }
 
-// An abandoning guard's destructor, the one that runs at exit, empties the
-// guard without destroying or freeing the object. The guard lives in static
-// storage, so the object stays reachable for the leak checker.
-struct kept {
-    static inline int destroyed = 0;
-    ~kept() { ++destroyed; }
-    char mark = 'k';
-};
-
-TEST(InitOnce, AbandoningDestructorLeavesTheObjectIntact) {
-    using abandoning = vlk::system::init_once<kept, vlk::system::exit_policy::abandon>;
-    alignas(abandoning) static unsigned char storage[sizeof(abandoning)];
-    auto* guard = new (storage) abandoning();
-    kept* object = guard->init();
-    guard->~abandoning();
-    EXPECT_EQ(kept::destroyed, 0);
-    EXPECT_EQ(object->mark, 'k');  // under AddressSanitizer, also not freed
-}
-
 }  // namespace
