@@ -54,7 +54,6 @@ TEST(MpmcHashMap, AFullBucketWithNoFreeNodeGrowsTheTableAndShrinkUndoesIt) {
             ASSERT_TRUE(map.insert(i * r.stride, i));
         }
         EXPECT_EQ(map.bucketCount(), 16u);
-        EXPECT_EQ(map.freeNodeCount(), 0u);
 
         ASSERT_TRUE(map.insert(83 * r.stride, 83));
         map.shrink();  // 84 entries: nothing to gain

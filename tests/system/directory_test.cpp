@@ -39,7 +39,6 @@ TEST_F(Directory, PathPartsAndAbsoluteForms) {
     // The POSIX forms, which libc provides: a trailing slash does not count.
     EXPECT_EQ(dir::baseName("/a/b/"), "b");
     EXPECT_EQ(dir::dirname("/a/b/"), "/a");
-    EXPECT_EQ(dir::currentWorkingDirectory(), _root);
     const std::string absolutes[][2] = {
         {"/x", "/x"}, {"./x", _root + "/x"}, {"x/y", _root + "/x/y"}, {"x", "x"}, {"", ""}};
     for (const auto& [path, expected] : absolutes) {

@@ -91,10 +91,6 @@ TEST(Host, ProbeAgreesWithIndependentSources) {
                 cpu::physicalCoreCount() <= cpu::virtualCoreCount());
     EXPECT_EQ(cpu::isSSE42(), __builtin_cpu_supports("sse4.2") != 0);
     EXPECT_EQ(cpu::socketOfProcessor(0), std::stoi(cpuinfoValue("physical id")));
-    if (cpu::coreFrequency() > 1000000) {
-        const double reportedMHz = std::stod(cpuinfoValue("cpu MHz"));
-        EXPECT_NEAR(double(cpu::coreFrequency()) / 1e6, reportedMHz, reportedMHz / 10);
-    }
     // This kernel is new enough for the coarse clocks; wall time is now real.
     EXPECT_EQ(time::g_realtimeClockId, CLOCK_REALTIME_COARSE);
     timespec wall{};
