@@ -9,7 +9,6 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <vlk/catalogue/error_manager.hpp>
 #include <vlk/catalogue/errors.hpp>
@@ -17,6 +16,7 @@
 #include <vlk/system/exception.hpp>
 #include <vlk/system/host.hpp>
 
+#include "../concurrency.hpp"
 #include "../logging/capture_target.hpp"
 
 namespace {
@@ -95,19 +95,16 @@ TEST_F(Thread, JoinersWaitForTheEndAndDetachedThreadsStayRunning) {
     vlk::thread thread(blockUntilReleased);
     ASSERT_TRUE(thread.start());
     std::atomic<int> joined{0};
-    std::vector<std::thread> joiners;
-    for (int i = 0; i < 3; ++i) {
-        joiners.emplace_back([copy = thread, &joined]() mutable {
-            copy.join();
-            joined.fetch_add(1);
-        });
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(joined.load(), 0);
-    release = true;
-    for (auto& joiner : joiners) {
-        joiner.join();
-    }
+    vlk_test::onThreads(4, [&](unsigned i) {
+        if (i == 3) {  // releases the body once the others have had time to join
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            EXPECT_EQ(joined.load(), 0);
+            release = true;
+            return;
+        }
+        vlk::thread(thread).join();
+        joined.fetch_add(1);
+    });
     EXPECT_EQ(joined.load(), 3);
     EXPECT_FALSE(thread.isRunning());
 
