@@ -79,7 +79,6 @@ TEST_F(LogStreamAllocator, BlocksFreedOnAnotherThreadAreAllReturnedAndSlabsRecyc
     producer.join();
     EXPECT_EQ(bad, 0u);
     ASSERT_EQ(log_stream_allocator::retiredCount(), 1u);  // by the key at thread end
-    EXPECT_EQ(producerAllocator->freeCount(), kBlocks);
     EXPECT_EQ(producerAllocator->allocatedBytes(), producerAllocator->freedBytes());
     EXPECT_GT(producerAllocator->recycleCount(), 0u);
     EXPECT_LE(producerAllocator->slabCount(), 2u);  // the open one and the cached one
