@@ -46,7 +46,7 @@ class Thread : public ::testing::Test {
     };
 };
 
-TEST_F(Thread, StartReturnsRunningWithTidAndSelfAndRefusesASecondStart) {
+TEST_F(Thread, StartReturnsRunningRefusesASecondStartAndJoinersWait) {
     EXPECT_FALSE(vlk::thread().start());  // no body
     pid_t seenTid = 0;
     pthread_t seenSelf{};
@@ -64,8 +64,20 @@ TEST_F(Thread, StartReturnsRunningWithTidAndSelfAndRefusesASecondStart) {
     EXPECT_TRUE(thread.isRunning());
     EXPECT_NE(thread.tid(), 0);
     EXPECT_FALSE(thread.start(replacement, 0));
-    release = true;
-    thread.join();
+    // Joiners on copies wait until the body ends.
+    std::atomic<int> joined{0};
+    vlk_test::onThreads(4, [&](unsigned i) {
+        if (i == 3) {  // releases the body once the others have had time to join
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            EXPECT_EQ(joined.load(), 0);
+            release = true;
+            return;
+        }
+        vlk::thread(thread).join();
+        joined.fetch_add(1);
+    });
+    EXPECT_EQ(joined.load(), 3);
+    EXPECT_FALSE(thread.isRunning());
     EXPECT_EQ(thread.tid(), seenTid);
     EXPECT_NE(pthread_equal(thread.self(), seenSelf), 0);
     // The body handles signals on an alternate stack of its own.
@@ -90,31 +102,15 @@ TEST_F(Thread, StartReturnsRunningWithTidAndSelfAndRefusesASecondStart) {
     EXPECT_EQ(terminated.load(), 3);
 }
 
-TEST_F(Thread, JoinersWaitForTheEndAndDetachedThreadsStayRunning) {
+// A detached thread stays running for ever, and join no longer waits.
+TEST_F(Thread, DetachedThreadsStayRunning) {
     vlk::thread thread(blockUntilReleased);
-    ASSERT_TRUE(thread.start());
-    std::atomic<int> joined{0};
-    vlk_test::onThreads(4, [&](unsigned i) {
-        if (i == 3) {  // releases the body once the others have had time to join
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            EXPECT_EQ(joined.load(), 0);
-            release = true;
-            return;
-        }
-        vlk::thread(thread).join();
-        joined.fetch_add(1);
-    });
-    EXPECT_EQ(joined.load(), 3);
-    EXPECT_FALSE(thread.isRunning());
-
-    // A detached thread stays running for ever, and join no longer waits.
-    release = false;
     ASSERT_TRUE(thread.start());
     thread.detach();
     thread.join();
-    EXPECT_EQ(terminated.load(), 1);  // the body is still blocked
+    EXPECT_EQ(terminated.load(), 0);  // the body is still blocked
     release = true;
-    ASSERT_TRUE(eventually([&] { return terminated.load() == 2; }));
+    ASSERT_TRUE(eventually([&] { return terminated.load() == 1; }));
     EXPECT_TRUE(thread.isRunning());
     EXPECT_FALSE(thread.start());
     // Nothing tells when a detached thread has left its object for good.
