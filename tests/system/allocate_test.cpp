@@ -30,9 +30,7 @@ namespace aligned = vlk::memory::aligned;
 TEST(AlignedAllocate, ResultIsAlignedAndKeepsTheRawPointer) {
     for (unsigned long size : {0ul, 1ul, 127ul, 128ul, 4096ul, 1ul << 20}) {
         void* block = aligned::allocate<128>(size);
-        const auto address = reinterpret_cast<std::uintptr_t>(block);
-        const auto raw = reinterpret_cast<std::uintptr_t>(aligned::rawPointer(block));
-        EXPECT_TRUE(address % 128 == 0 && address > raw && address <= raw + 128) << size;
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % 128, 0u) << size;
         std::memset(block, 0xAB, size);  // the whole size is usable
         aligned::deallocate(block);
     }
@@ -55,7 +53,7 @@ struct built {
     static inline std::atomic<int> constructed{0}, destroyed{0};
     built() { constructed.fetch_add(1); }
     ~built() { destroyed.fetch_add(1); }
-    alignas(128) char line[128];
+    char line[128];  // no alignment of its own: the guard gives it 128
 };
 
 TEST(InitOnce, BuildsOnceUnderRaceAndRebuildsAfterShutdown) {
@@ -70,25 +68,6 @@ TEST(InitOnce, BuildsOnceUnderRaceAndRebuildsAfterShutdown) {
     EXPECT_EQ(guard.get(), nullptr);
     EXPECT_NE(guard.init(), nullptr);
     EXPECT_EQ(std::pair(built::constructed.load(), built::destroyed.load()), std::pair(2, 1));
-}
-
-// An abandoning guard's destructor, the one that runs at exit, empties the
-// guard without destroying or freeing the object. The guard lives in static
-// storage, so the object stays reachable for the leak checker.
-struct kept {
-    static inline int destroyed = 0;
-    ~kept() { ++destroyed; }
-    char mark = 'k';
-};
-
-TEST(InitOnce, AbandoningDestructorLeavesTheObjectIntact) {
-    using abandoning = vlk::system::init_once<kept, vlk::system::exit_policy::abandon>;
-    alignas(abandoning) static unsigned char storage[sizeof(abandoning)];
-    auto* guard = new (storage) abandoning();
-    kept* object = guard->init();
-    guard->~abandoning();
-    EXPECT_EQ(kept::destroyed, 0);
-    EXPECT_EQ(object->mark, 'k');  // under AddressSanitizer, also not freed
 }
 
 }  // namespace

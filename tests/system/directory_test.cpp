@@ -35,18 +35,6 @@ class Directory : public testing::Test {
     std::string _root;
 };
 
-TEST_F(Directory, PathPartsAndAbsoluteForms) {
-    // The POSIX forms, which libc provides: a trailing slash does not count.
-    EXPECT_EQ(dir::baseName("/a/b/"), "b");
-    EXPECT_EQ(dir::dirname("/a/b/"), "/a");
-    EXPECT_EQ(dir::currentWorkingDirectory(), _root);
-    const std::string absolutes[][2] = {
-        {"/x", "/x"}, {"./x", _root + "/x"}, {"x/y", _root + "/x/y"}, {"x", "x"}, {"", ""}};
-    for (const auto& [path, expected] : absolutes) {
-        EXPECT_EQ(dir::absolute(path), expected) << path;
-    }
-}
-
 // The error is written only on failure.
 TEST_F(Directory, CreateMakesEveryLevelAndRefusesOddCharacters) {
     int error = -1;
@@ -72,8 +60,16 @@ TEST_F(Directory, CreateMakesEveryLevelAndRefusesOddCharacters) {
     EXPECT_EQ(error, ENOENT);
 }
 
-// The mount point is the highest parent of the directory on its device.
-TEST_F(Directory, LinksMountPointsAndFreeSpace) {
+// Queries of paths and links. The mount point is the highest parent of the
+// directory on its device.
+TEST_F(Directory, PathPartsAbsoluteFormsLinksMountPointsAndFreeSpace) {
+    // The POSIX basename, not the GNU one: a trailing slash does not count.
+    EXPECT_EQ(dir::baseName("/a/b/"), "b");
+    const std::string absolutes[][2] = {
+        {"/x", "/x"}, {"./x", _root + "/x"}, {"x/y", _root + "/x/y"}, {"x", "x"}, {"", ""}};
+    for (const auto& [path, expected] : absolutes) {
+        EXPECT_EQ(dir::absolute(path), expected) << path;
+    }
     ASSERT_EQ(::symlink("some/target", "link"), 0);
     EXPECT_EQ(dir::resolveLink("link"), "some/target");
     EXPECT_EQ(dir::resolveLink("file"), "");

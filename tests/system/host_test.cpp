@@ -22,15 +22,7 @@ namespace {
 using namespace vlk::system;
 namespace detail = vlk::_vlk_system_detail;
 
-TEST(Host, GrainSizesAndProbeDecisions) {
-    EXPECT_EQ(maxGrainSize(1023), 1024u);
-    EXPECT_EQ(maxGrainSize(5000), 5000u);
-    EXPECT_EQ(optimalGrainSize(0, 7), 7u);
-    detail::_grainSizeDivisor = 4;  // what the probe sets for five cores
-    EXPECT_EQ(optimalGrainSize(8192), 2048u);
-    EXPECT_EQ(optimalGrainSize(4000), 1024u);
-    detail::_grainSizeDivisor = 1;
-
+TEST(Host, ProbeDecisions) {
     vlk::cpuid::cpu_info both;
     both.rdtscp = both.constantTsc = true;
     EXPECT_TRUE(detail::_isTscInvariant(both));
@@ -91,10 +83,6 @@ TEST(Host, ProbeAgreesWithIndependentSources) {
                 cpu::physicalCoreCount() <= cpu::virtualCoreCount());
     EXPECT_EQ(cpu::isSSE42(), __builtin_cpu_supports("sse4.2") != 0);
     EXPECT_EQ(cpu::socketOfProcessor(0), std::stoi(cpuinfoValue("physical id")));
-    if (cpu::coreFrequency() > 1000000) {
-        const double reportedMHz = std::stod(cpuinfoValue("cpu MHz"));
-        EXPECT_NEAR(double(cpu::coreFrequency()) / 1e6, reportedMHz, reportedMHz / 10);
-    }
     // This kernel is new enough for the coarse clocks; wall time is now real.
     EXPECT_EQ(time::g_realtimeClockId, CLOCK_REALTIME_COARSE);
     timespec wall{};

@@ -2,14 +2,12 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <vlk/catalogue/error_manager.hpp>
 #include <vlk/catalogue/errors.hpp>
@@ -17,6 +15,7 @@
 #include <vlk/system/exception.hpp>
 #include <vlk/system/host.hpp>
 
+#include "../concurrency.hpp"
 #include "../logging/capture_target.hpp"
 
 namespace {
@@ -47,12 +46,13 @@ class Thread : public ::testing::Test {
     };
 };
 
-TEST_F(Thread, StartReturnsRunningWithTidAndSelfAndRefusesASecondStart) {
+TEST_F(Thread, StartReturnsRunningRefusesASecondStartAndJoinersWait) {
     EXPECT_FALSE(vlk::thread().start());  // no body
     pid_t seenTid = 0;
     pthread_t seenSelf{};
     stack_t signalStack{};
     std::atomic<int> replacementRuns{0};
+    const std::function<void()> replacement = [&] { replacementRuns.fetch_add(1); };
     vlk::thread thread([&] {
         seenTid = vlk::system::threadId();
         seenSelf = pthread_self();
@@ -63,69 +63,51 @@ TEST_F(Thread, StartReturnsRunningWithTidAndSelfAndRefusesASecondStart) {
     // The body is still blocked: start itself waited for the thread to report.
     EXPECT_TRUE(thread.isRunning());
     EXPECT_NE(thread.tid(), 0);
-    EXPECT_FALSE(thread.start([&] { replacementRuns.fetch_add(1); }, 0));
-    release = true;
-    thread.join();
+    EXPECT_FALSE(thread.start(replacement, 0));
+    // Joiners on copies wait until the body ends.
+    std::atomic<int> joined{0};
+    vlk_test::onThreads(4, [&](unsigned i) {
+        if (i == 3) {  // releases the body once the others have had time to join
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            EXPECT_EQ(joined.load(), 0);
+            release = true;
+            return;
+        }
+        vlk::thread(thread).join();
+        joined.fetch_add(1);
+    });
+    EXPECT_EQ(joined.load(), 3);
     EXPECT_EQ(thread.tid(), seenTid);
     EXPECT_NE(pthread_equal(thread.self(), seenSelf), 0);
     // The body handles signals on an alternate stack of its own.
     EXPECT_EQ(signalStack.ss_flags & SS_DISABLE, 0);
     EXPECT_EQ(signalStack.ss_size, vlk::thread_impl::alternate_stack_size);
-    EXPECT_EQ(replacementRuns.load(), 0);
 
-    // Joined, it starts again with the body the refused call installed; a
-    // failed create throws and leaves it startable.
+    // Joined, it starts again (only now) with the body the refused call
+    // installed, and stays running once that returns until it is joined
+    // again; a failed create throws and leaves it startable.
     ASSERT_TRUE(thread.start());
+    ASSERT_TRUE(eventually([&] { return terminated.load() == 2; }));
+    EXPECT_TRUE(thread.isRunning());
     thread.join();
     thread.join();
     EXPECT_EQ(replacementRuns.load(), 1);
-    pthread_attr_t huge;
-    pthread_attr_init(&huge);
-    pthread_attr_setstacksize(&huge, std::size_t{1} << 47);  // the whole address space
-    EXPECT_THROW(thread.start(huge), vlk::exception);
-    pthread_attr_destroy(&huge);
-    EXPECT_FALSE(thread.isRunning());
+    EXPECT_THROW(thread.start(replacement, std::uint64_t{1} << 47), vlk::exception);  // no room
     ASSERT_TRUE(thread.start());
     thread.join();
     EXPECT_EQ(replacementRuns.load(), 2);
     EXPECT_EQ(terminated.load(), 3);
 }
 
-TEST_F(Thread, JoinersWaitForTheEndAndDetachedThreadsStayRunning) {
+// A detached thread stays running for ever, and join no longer waits.
+TEST_F(Thread, DetachedThreadsStayRunning) {
     vlk::thread thread(blockUntilReleased);
-    ASSERT_TRUE(thread.start());
-    std::atomic<int> joined{0};
-    std::vector<std::thread> joiners;
-    for (int i = 0; i < 3; ++i) {
-        joiners.emplace_back([copy = thread, &joined]() mutable {
-            copy.join();
-            joined.fetch_add(1);
-        });
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(joined.load(), 0);
-    release = true;
-    for (auto& joiner : joiners) {
-        joiner.join();
-    }
-    EXPECT_EQ(joined.load(), 3);
-    EXPECT_FALSE(thread.isRunning());
-
-    // A returned body leaves the thread running until it is joined...
-    ASSERT_TRUE(thread.start());
-    ASSERT_TRUE(eventually([&] { return terminated.load() == 2; }));
-    EXPECT_TRUE(thread.isRunning());
-    thread.join();
-    EXPECT_FALSE(thread.isRunning());
-
-    // ...and a detached one for ever, and join no longer waits for it.
-    release = false;
     ASSERT_TRUE(thread.start());
     thread.detach();
     thread.join();
-    EXPECT_EQ(terminated.load(), 2);  // the body is still blocked
+    EXPECT_EQ(terminated.load(), 0);  // the body is still blocked
     release = true;
-    ASSERT_TRUE(eventually([&] { return terminated.load() == 3; }));
+    ASSERT_TRUE(eventually([&] { return terminated.load() == 1; }));
     EXPECT_TRUE(thread.isRunning());
     EXPECT_FALSE(thread.start());
     // Nothing tells when a detached thread has left its object for good.
