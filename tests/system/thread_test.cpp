@@ -140,7 +140,7 @@ TEST_F(Thread, EscapedExceptionIsLoggedOnceAndTheThreadStillTerminates) {
     vlk::velk_logger::terminate();
     std::string reported;
     for (const auto& line : target.lines()) {
-        reported += line.text.substr(line.text.find("30-0004 ") + 8);
+        reported += line.substr(line.find("30-0004 ") + 8);
     }
     const std::string row = vlk::errors::E300004.fragments[0];
     EXPECT_EQ(reported, row + "disk on fire\n" + row + withNul + "\n" + row + "unknown\n");

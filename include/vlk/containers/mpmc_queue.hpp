@@ -56,9 +56,6 @@ struct mpmc_queue_traits {
     static constexpr bool multi_consumer = MultiConsumer;
 };
 
-// Reaches the queue's internals; defined by the queue's unit tests only.
-struct mpmc_queue_test_access;
-
 template <typename Traits>
 class mpmc_queue {
   public:
@@ -168,8 +165,6 @@ class mpmc_queue {
     }
 
   private:
-    friend struct mpmc_queue_test_access;
-
     // A mapping of its own: the link at its start, the slots from byte 128.
     struct mem_block {
         // Written by the lane's producer that opens the next block and read
