@@ -42,8 +42,8 @@ class regex {
 
 // Whether `pattern`, compiled as `regex` compiles it, matches exactly its own
 // bytes: it holds no metacharacter and no NUL (PCRE would stop reading at
-// one). Such a pattern matches a subject where `find` finds it in the
-// subject, so a caller may search instead of compiling.
+// one). Such a pattern matches exactly the subjects that contain it, so a
+// caller may search for it instead of compiling it.
 bool isLiteralPattern(std::string_view pattern);
 
 }  // namespace vlk
