@@ -64,25 +64,23 @@ void forEachMatch(const error_map& catalogue, const std::string& pattern, OnHit 
         return;
     }
     const std::string text = trimmed(pattern);
-    char subject[error_id_buffer_size];
-    if (isLiteralPattern(text)) {
-        for (auto& row : catalogue) {
-            const std::string_view id(subject, renderErrorId(row.key, subject));
-            if (id.find(text) != std::string_view::npos) {
-                onHit(row);
-            }
+    const bool plain = isLiteralPattern(text);
+    regex expression;
+    if (!plain) {
+        expression.init(text);
+        if (expression._code == nullptr) {
+            return;
         }
-        return;
     }
-    const regex expression(text);
-    if (expression._code == nullptr) {
-        return;
-    }
+    char subject[error_id_buffer_size];
     int vector[match_vector_size];
     for (auto& row : catalogue) {
-        const int length = static_cast<int>(renderErrorId(row.key, subject));
-        if (pcre_exec(expression._code, expression._extra, subject, length, 0, 0, vector,
-                      match_vector_size) >= 0) {
+        const std::size_t length = renderErrorId(row.key, subject);
+        const bool hit =
+            plain ? std::string_view(subject, length).find(text) != std::string_view::npos
+                  : pcre_exec(expression._code, expression._extra, subject,
+                              static_cast<int>(length), 0, 0, vector, match_vector_size) >= 0;
+        if (hit) {
             onHit(row);
         }
     }
